@@ -1,0 +1,49 @@
+#include "DatagramSocket.h"
+
+#include <cerrno>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "AutoFd.h"
+#include "Text.h"
+#include "Utilities.h"
+
+CDatagramSocket::~CDatagramSocket()
+{
+    Close();
+}
+
+bool CDatagramSocket::Open(unsigned long lProgId, int iPort, CUtilities* pUtilities,
+                           char* pcReason)
+{
+    Close();
+    m_iPort = iPort;
+    char cError[REASON_SIZE] = "";
+    CAutoFd endpoint(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (endpoint.Get() == -1) {
+        pUtilities->GetLastErrorText(cError, errno);
+        FormatReason(pcReason, "Fail to create datagram socket. %s", cError);
+        return false;
+    }
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(static_cast<in_port_t>(iPort));
+    if (bind(endpoint.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        pUtilities->GetLastErrorText(cError, errno);
+        FormatReason(pcReason, "Fail to bind datagram socket. %s", cError);
+        return false;
+    }
+    m_pSocket = std::make_unique<CSocket>(SOCKET_DATAGRAM, lProgId);
+    if (m_pSocket->Open(endpoint.Release(), m_pListener, nullptr))
+        return true;
+    pUtilities->GetLastErrorText(cError, errno);
+    FormatReason(pcReason, "Fail to create datagram socket. %s", cError);
+    Close();
+    return false;
+}
+
+void CDatagramSocket::Close()
+{
+    m_pSocket.reset();
+}

@@ -1,0 +1,67 @@
+// File IDs: where a local path and the 32-bit number inside an NFS file handle meet.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+constexpr unsigned int NO_FILE_ID = 0xFFFFFFFF;  // never the ID of a file
+
+// One registered path. No entry is removed alone, so an ID keeps its meaning until Clear.
+struct FileItem {
+    std::string sPath;     // canonical local path
+    unsigned int iID = 0;  // the entry's position: block << 10 | slot
+};
+
+// Gives every local path that a client was handed a number, and turns a number back into its path.
+// Locking: none of its own; the caller holds CUtilities::m_hMutexFileTable around every call.
+// Cost: number to path is an index, path to number a hash look-up, with ten paths as with millions.
+class CFileTable {
+public:
+    CFileTable() = default;
+    ~CFileTable();
+    CFileTable(const CFileTable&) = delete;
+    CFileTable& operator=(const CFileTable&) = delete;
+
+    // Forgets all paths; IDs start again at 0.
+    void Clear();
+
+    // The ID of a path, which is added if it is new; NO_FILE_ID for null.
+    unsigned int GetIDByPath(const char* pcPath);
+
+    // Copies the path of iID, with its terminating zero, into pcBuffer of iSize bytes; a null
+    // pcBuffer only asks whether the ID exists. False, with pcBuffer untouched, if there is no such
+    // ID or the path does not fit.
+    bool GetPathByID(unsigned int iID, char* pcBuffer, size_t iSize);
+
+    // Lets the entry of pcOldPath stand for pcNewPath, under the same ID. False if either is null
+    // or the old path was never added.
+    bool UpdateItemPath(const char* pcOldPath, const char* pcNewPath);
+
+    // Entries are owned by the table and stay where they are until Clear; null where there is none.
+    // AddItem does not ask whether the path has an entry already.
+    FileItem* AddItem(const char* pcPath);
+    FileItem* FindItemByPath(const char* pcPath);
+    FileItem* GetItemByID(unsigned int iID);
+
+    // True if both are there and the entry's path is, byte for byte, the iLength bytes of pcPath.
+    static bool IsMatchItem(const FileItem* pItem, const char* pcPath, size_t iLength);
+
+private:
+    static constexpr unsigned int SLOT_BITS = 10;
+    static constexpr unsigned int SLOT_MASK = (1U << SLOT_BITS) - 1;
+    static constexpr size_t BLOCK_SIZE = size_t{1} << SLOT_BITS;  // entries
+    static constexpr size_t CACHE_SIZE = 1024;                    // IDs
+
+    void RememberFoundID(unsigned int iID);
+
+    std::vector<std::vector<FileItem>> m_vvTable;  // blocks of 1024; only the last one grows
+    std::vector<unsigned int> m_vCache;            // recently found IDs, oldest first
+
+    // Both stand for a scan and yield what it would: the IDs of each path (several only after a
+    // rename onto a known path; the keys lie in the entries), and whether an ID is in m_vCache.
+    std::unordered_multimap<std::string_view, unsigned int> m_mIDsByPath;
+    std::vector<bool> m_vIsCached;
+};

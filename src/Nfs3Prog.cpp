@@ -1,0 +1,165 @@
+// Dispatch, and what all procedures share.
+#include "Nfs3Prog.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "DataException.h"
+#include "InputStream.h"
+#include "Nfs3Xdr.h"
+#include "Text.h"
+#include "Utilities.h"
+
+// In the order of the numbers. Creating, removing, renaming and listing are not there yet.
+const CNfs3Prog::PPROC CNfs3Prog::PROCEDURES[] = {
+    &CNfs3Prog::ProcedureNULL,    &CNfs3Prog::ProcedureGETATTR,  &CNfs3Prog::ProcedureSETATTR,
+    &CNfs3Prog::ProcedureLOOKUP,  &CNfs3Prog::ProcedureACCESS,   &CNfs3Prog::ProcedureREADLINK,
+    &CNfs3Prog::ProcedureREAD,    &CNfs3Prog::ProcedureWRITE,    &CNfs3Prog::ProcedureNOIMP,
+    &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,    &CNfs3Prog::ProcedureNOIMP,
+    &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,    &CNfs3Prog::ProcedureNOIMP,
+    &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,    &CNfs3Prog::ProcedureNOIMP,
+    &CNfs3Prog::ProcedureFSSTAT,  &CNfs3Prog::ProcedureFSINFO,   &CNfs3Prog::ProcedurePATHCONF,
+    &CNfs3Prog::ProcedureCOMMIT,
+};
+
+CNfs3Prog::CNfs3Prog(CUtilities* pUtilities)
+    : CRpcProg(pUtilities), m_iSysUpTime(pUtilities->GetCurrentSystemTimeInMilliseconds()),
+      m_iFSF3Properties(FSF3_HOMOGENEOUS | FSF3_CANSETTIME)
+{
+}
+
+void CNfs3Prog::SetUserID(unsigned int iUId, unsigned int iGId)
+{
+    m_iUId = iUId;
+    m_iGId = iGId;
+}
+
+int CNfs3Prog::Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam)
+{
+    LogName(pParam, "Nfs3Prog.Process");
+    try {
+        if (m_pUtilities == nullptr || pParam->iProc >= NFSPROC3_MAX)
+            return ProcedureNOIMP(pIn, pOut, pParam);
+        return (this->*PROCEDURES[pParam->iProc])(pIn, pOut, pParam);
+    } catch (const CDataTruncatedExpt& error) {
+        return FailTruncated(pParam, "Nfs3Prog.Process", error.what());
+    } catch (...) {  // the client gets an answer whatever happened
+        return FailUnknown(pParam, "Nfs3Prog.Process");
+    }
+}
+
+int CNfs3Prog::ProcedureNULL(CInputStream*, COutputStream*, ProcessParam* pParam)
+{
+    LogName(pParam, "Nfs3Prog.ProcedureNULL");
+    return PRC_OK;
+}
+
+int CNfs3Prog::ProcedureNOIMP(CInputStream*, COutputStream*, ProcessParam* pParam)
+{
+    LogName(pParam, "Nfs3Prog.ProcedureNOIMP");
+    return PRC_NOTIMP;
+}
+
+CNfs3Prog::ProcedureCall::ProcedureCall(CNfs3Prog* pProg, ProcessParam* pParam,
+                                        const char* pcName)
+    : m_pUtilities(pProg->m_pUtilities), m_pRuntimeParam(pParam->pRuntimeParam),
+      m_LogArgu{pcName}
+{
+    pProg->LogName(pParam, pcName);
+}
+
+int CNfs3Prog::ProcedureCall::End(nfsstat3 stat)
+{
+    if (m_pRuntimeParam->IsLogProcFuncArgu())
+        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] End stat=%d", m_LogArgu.pcName,
+                              static_cast<int>(stat));
+    return PRC_OK;
+}
+
+bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn,
+                         char* pcPath)
+{
+    pcPath[0] = '\0';
+    opaque handle;
+    Read(pIn, &handle);
+    if (handle.iBufLen < sizeof(unsigned int) ||
+        !m_pUtilities->GetFilePath(pRuntimeParam, handle.pBuf, pcPath, PATH_SIZE))
+        return false;
+    if (pRuntimeParam->IsLogProcFuncArgu())
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Path = %s", pLogArgu->pcName, pcPath);
+    return true;
+}
+
+bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn,
+                         diropargs3* pArguments, char* pcPath)
+{
+    char cDir[PATH_SIZE];
+    char cJoined[PATH_SIZE];
+    COpaquePath name;
+    pcPath[0] = '\0';
+    const bool bResolved = ReadPath(pRuntimeParam, pLogArgu, pIn, cDir);
+    Read(pIn, &name);  // in any case, so that the next argument is read from its own place
+    if (!bResolved)
+        return false;
+
+    pArguments->dir = cDir;
+    pArguments->name = name.Get();
+    if (pRuntimeParam->IsLogProcFuncArgu())
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Read path=%s, name=%s", pLogArgu->pcName, cDir,
+                              name.Get());
+    if (!AppendFilePath(cDir, name.Get(), cJoined))
+        return false;
+    m_pUtilities->GetCanonicalPath(pRuntimeParam, pLogArgu, pcPath, cJoined);
+    if (pRuntimeParam->IsLogProcFuncArgu())
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Path = %s", pLogArgu->pcName, pcPath);
+    return true;
+}
+
+bool CNfs3Prog::AppendFilePath(const char* pcDir, const char* pcName, char* pcPath)
+{
+    if (pcDir == nullptr || pcName == nullptr || pcPath == nullptr ||
+        strlen(pcDir) + 1 + strlen(pcName) >= PATH_SIZE)
+        return false;
+    snprintf(pcPath, PATH_SIZE, "%s%c%s", pcDir, '/', pcName);
+    return true;
+}
+
+bool CNfs3Prog::IsInVaildDirName(const char* pcName)
+{
+    return pcName == nullptr || strcmp(pcName, ".") == 0 || strcmp(pcName, "..") == 0;
+}
+
+nfsstat3 CNfs3Prog::CheckProcessParam(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                      const char* pcPath)
+{
+    static thread_local MountInfo info;  // its texts keep their room: a call allocates nothing
+    if (pcPath == nullptr ||
+        !m_pUtilities->GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, &info)) {
+        if (pRuntimeParam->IsLogError())
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Path record not found", pLogArgu->pcName);
+        return NFS3ERR_IO;
+    }
+    pRuntimeParam->SetID(info.sExportName.c_str());
+    pRuntimeParam->SetIpcID(info.sIcpID.c_str());
+    return NFS3_OK;
+}
+
+nfsstat3 CNfs3Prog::CheckPath(const char* pcPath, bool bMustExist)
+{
+    if (pcPath == nullptr)
+        return NFS3ERR_STALE;
+    return bMustExist && !m_pUtilities->OS_IsFileExists(pcPath) ? NFS3ERR_IO : NFS3_OK;
+}
+
+nfsstat3 CNfs3Prog::CheckObject(ProcedureCall* pCall, const char* pcPath, Existence existence)
+{
+    const nfsstat3 stat = CheckProcessParam(pCall->m_pRuntimeParam, &pCall->m_LogArgu, pcPath);
+    return stat == NFS3_OK ? CheckPath(pcPath, existence == MUST_EXIST) : stat;
+}
+
+nfsstat3 CNfs3Prog::CheckSkippedObject(ProcedureCall* pCall, CInputStream* pIn)
+{
+    COpaquePath handle;
+    Read(pIn, &handle, true);
+    return CheckProcessParam(pCall->m_pRuntimeParam, &pCall->m_LogArgu, handle.Get());
+}

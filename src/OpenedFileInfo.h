@@ -1,0 +1,10 @@
+// One entry of the descriptor cache.
+#pragma once
+
+#include <string>
+
+struct OpenedFileInfo {
+    int iFile = -1;        // the descriptor; -1 after an open that failed
+    std::string sTimeKey;  // the entry's key in the access list
+    std::string sPath;     // the path that it was opened by
+};

@@ -1,0 +1,224 @@
+// Exports: which directory is published under which name, and who has it mounted.
+#include "Utilities.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "Text.h"
+
+void CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut,
+                                  const char* pcIn)
+{
+    if (realpath(pcIn, pcOut) != nullptr) {
+        if (pRuntimeParam->IsLogGeneralInfo())
+            LogInfo(pRuntimeParam, "[%s] Get canonical path successfully: %s", pLogArgu->pcName,
+                    pcOut);
+        return;
+    }
+    CopyText(pcOut, PATH_SIZE, pcIn);
+    if (pRuntimeParam->IsLogGeneralInfo())
+        LogInfo(pRuntimeParam, "[%s] Fail to get canonical path from non-exist path: %s",
+                pLogArgu->pcName, pcIn);
+}
+
+void CUtilities::SetPathToCompare(char* pcPath)
+{
+    const size_t iLength = strlen(pcPath);
+    if (iLength == 0 || pcPath[iLength - 1] == '/' || iLength + 1 >= PATH_SIZE)
+        return;
+    pcPath[iLength] = '/';
+    pcPath[iLength + 1] = '\0';
+}
+
+bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                              const char* pcLocalPath, const char* pcExportName,
+                              const char* pcIpcID, char* pcReason)
+{
+    char cPath[PATH_SIZE];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalPath);
+
+    // One hold for the test and the insert, so that two adds of one name cannot both pass.
+    const CMutexLock lock(m_hMutexMountInfos);
+    if (IsMountInfoDefined(cPath, pcExportName, pcReason))
+        return false;
+    const size_t iInvalid = strcspn(pcExportName, "/ ");
+    if (pcExportName[iInvalid] != '\0') {
+        FormatReason(pcReason, "Invalid char \"%c\" inside export name", pcExportName[iInvalid]);
+        return false;
+    }
+    m_MountInfos[pcExportName] = {cPath, pcExportName, pcIpcID == nullptr ? "" : pcIpcID, ""};
+    m_ExportIndex.Add(cPath, pcExportName);
+    return true;
+}
+
+bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                   const char* pcLocalPath, const char* pcExportName,
+                                   char* pcReason)
+{
+    char cPath[PATH_SIZE];
+    if (pcLocalPath != nullptr)
+        GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalPath);
+    const CMutexLock lock(m_hMutexMountInfos);
+    return IsMountInfoDefined(pcLocalPath == nullptr ? nullptr : cPath, pcExportName, pcReason);
+}
+
+// The name is tested first: a known name is reported as such also where the path is known too.
+bool CUtilities::IsMountInfoDefined(const char* pcCanonicalPath, const char* pcExportName,
+                                    char* pcReason) const
+{
+    if (pcExportName != nullptr && m_MountInfos.count(pcExportName) > 0) {
+        FormatReason(pcReason, "Export name \"%s\" already defined", pcExportName);
+        return true;
+    }
+    if (pcCanonicalPath == nullptr)
+        return false;
+    for (const auto& [sName, info] : m_MountInfos) {
+        if (info.sLocalMountPath == pcCanonicalPath) {
+            FormatReason(pcReason, "Local mount path \"%s\" already defined", pcCanonicalPath);
+            return true;
+        }
+    }
+    return false;
+}
+
+void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                                 const char* pcLocalPath)
+{
+    char cPath[PATH_SIZE];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalPath);
+
+    const CMutexLock lock(m_hMutexMountInfos);
+    for (auto it = m_MountInfos.begin(); it != m_MountInfos.end(); ++it) {
+        if (it->second.sLocalMountPath == cPath) {
+            EraseMountInfo(it);
+            break;
+        }
+    }
+    ResetFileTableIfUnused();
+}
+
+void CUtilities::RemoveMountInfoByExportName(const char* pcExportName)
+{
+    const CMutexLock lock(m_hMutexMountInfos);
+    const auto it = m_MountInfos.find(pcExportName);
+    if (it != m_MountInfos.end())
+        EraseMountInfo(it);
+    ResetFileTableIfUnused();
+}
+
+void CUtilities::RemoveAllMountInfo()
+{
+    const CMutexLock lock(m_hMutexMountInfos);
+    m_MountInfos.clear();
+    m_ExportIndex.Clear();
+    ResetFileTable();
+}
+
+void CUtilities::EraseMountInfo(std::map<std::string, MountInfo>::iterator it)
+{
+    m_ExportIndex.Remove(it->second.sLocalMountPath, it->first);
+    m_MountInfos.erase(it);
+}
+
+void CUtilities::ResetFileTableIfUnused()
+{
+    if (m_MountInfos.empty())
+        ResetFileTable();
+}
+
+bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName,
+                                                     const char* pcRemoteAddr, MountInfo* pInfo,
+                                                     char* pcReason)
+{
+    const CMutexLock lock(m_hMutexMountInfos);
+    const auto it = m_MountInfos.find(pcExportName);
+    if (it == m_MountInfos.end()) {
+        FormatReason(pcReason, "Undefined export name \"%s\"", pcExportName);
+        return false;
+    }
+    MountInfo& info = it->second;
+    // Whoever holds the export keeps it until UMNT: the same client is refused a second time too.
+    if (pcRemoteAddr != nullptr && !info.sRemoteIpAddr.empty()) {
+        FormatReason(pcReason, "This mount point \"%s\" already mounted by %s", pcExportName,
+                     info.sRemoteIpAddr.c_str());
+        return false;
+    }
+    info.sRemoteIpAddr = pcRemoteAddr == nullptr ? "" : pcRemoteAddr;
+    if (pInfo != nullptr)
+        *pInfo = info;
+    return true;
+}
+
+bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                    const char* pcPath, MountInfo* pInfo)
+{
+    char cPath[PATH_SIZE];
+    CopyText(cPath, sizeof(cPath), pcPath);
+    SetPathToCompare(cPath);
+
+    const CMutexLock lock(m_hMutexMountInfos);
+    // Whoever wants to see the comparisons gets the walk that they describe; the index yields the
+    // same export.
+    const MountInfo* pFound = pRuntimeParam->IsLogGeneralInfo()
+                                  ? ScanMountInfoByPath(pRuntimeParam, pLogArgu, cPath)
+                                  : FindMountInfoByPath(cPath);
+    if (pFound == nullptr)
+        return false;
+    if (pInfo != nullptr)
+        *pInfo = *pFound;
+    return true;
+}
+
+const MountInfo* CUtilities::FindMountInfoByPath(const char* pcPathToCompare) const
+{
+    const std::string* pName = m_ExportIndex.Find(pcPathToCompare);
+    return pName == nullptr ? nullptr : &m_MountInfos.find(*pName)->second;
+}
+
+const MountInfo* CUtilities::ScanMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                                 const char* pcPathToCompare)
+{
+    for (const auto& [sName, info] : m_MountInfos) {
+        const std::string& sLocal = info.sLocalMountPath;
+        LogInfo(pRuntimeParam, "[%s] Path scan: \"%s\" vs \"%s\"", pLogArgu->pcName,
+                pcPathToCompare, sLocal.c_str());
+        if (strncmp(pcPathToCompare, sLocal.c_str(), sLocal.length()) != 0)
+            continue;
+        char cLocal[PATH_SIZE];
+        CopyText(cLocal, sizeof(cLocal), sLocal.c_str());
+        SetPathToCompare(cLocal);
+        LogInfo(pRuntimeParam, "[%s] Path compare: \"%s\" vs \"%s\"", pLogArgu->pcName,
+                pcPathToCompare, cLocal);
+        if (strncmp(pcPathToCompare, cLocal, strlen(cLocal)) == 0) {
+            LogInfo(pRuntimeParam, "[%s] Path match", pLogArgu->pcName);
+            return &info;
+        }
+    }
+    return nullptr;
+}
+
+bool CUtilities::IsRemoteAddrExists(const char* pcRemoteAddr)
+{
+    const CMutexLock lock(m_hMutexMountInfos);
+    return std::any_of(m_MountInfos.begin(), m_MountInfos.end(), [&](const auto& entry) {
+        return entry.second.sRemoteIpAddr == pcRemoteAddr;
+    });
+}
+
+int CUtilities::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly,
+                             bool bPrintDetails)
+{
+    const CMutexLock lock(m_hMutexMountInfos);
+    int iCount = 0;
+    for (const auto& [sName, info] : m_MountInfos) {
+        if (bClientMountedOnly && info.sRemoteIpAddr.empty())
+            continue;
+        iCount++;
+        if (bPrintDetails)
+            LogRaw(pRuntimeParam, " mount%d - %s : %s (%s) [%s]", iCount,
+                   info.sLocalMountPath.c_str(), info.sExportName.c_str(),
+                   info.sRemoteIpAddr.c_str(), info.sIcpID.c_str());
+    }
+    return iCount;
+}

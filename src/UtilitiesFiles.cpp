@@ -1,0 +1,116 @@
+// What the NFS procedures do to files.
+#include "Utilities.h"
+
+#include <cstring>
+#include <unistd.h>
+
+#include "CachedFile.h"
+#include "FileTable.h"
+
+long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                  const char* pcPath, long long iDefault)
+{
+    const CCachedFile file(this, pRuntimeParam, pLogArgu, pcPath, false);
+    if (file.Get() == -1)
+        return iDefault;
+    const long long iSize =
+        OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(), 0, SEEK_END, nullptr);
+    return iSize < 0 ? iDefault : iSize;
+}
+
+bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath)
+{
+    const int iFile = OS_FileCreate(pRuntimeParam, pLogArgu, pcPath, nullptr);
+    if (iFile == -1)
+        return false;
+    OS_FileClose(pRuntimeParam, pLogArgu, pcPath, iFile, nullptr);
+    return true;
+}
+
+int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                         unsigned long long iSeek, int iSeekType, void* pBuffer,
+                         unsigned int iLength, bool* pbEof)
+{
+    if (pRuntimeParam->IsLogFileAccess())
+        LogInfo(pRuntimeParam, "[%s] Read file, path=%s, iSeek=%llu, iSeekType=%d, length=%u",
+                pLogArgu->pcName, pcPath, iSeek, iSeekType, iLength);
+    *pbEof = true;
+    const CCachedFile file(this, pRuntimeParam, pLogArgu, pcPath, false);
+    if (file.Get() == -1 || OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(),
+                                        static_cast<long long>(iSeek), iSeekType, nullptr) < 0)
+        return -1;
+    const int iRead =
+        OS_FileRead(pRuntimeParam, pLogArgu, file.Get(), pBuffer, iLength, nullptr);
+    const long long iPosition = OS_FileTell(pRuntimeParam, pLogArgu, file.Get(), nullptr);
+    const long long iEnd =
+        OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(), 0, SEEK_END, nullptr);
+    *pbEof = iPosition >= iEnd;
+    return iRead;
+}
+
+int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                          unsigned long long iSeek, int iSeekType, const void* pBuffer,
+                          unsigned int iLength)
+{
+    if (pRuntimeParam->IsLogFileAccess())
+        LogInfo(pRuntimeParam, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u",
+                pLogArgu->pcName, pcPath, iSeek, iSeekType, iLength);
+    const CCachedFile file(this, pRuntimeParam, pLogArgu, pcPath, false);
+    if (file.Get() == -1 || OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(),
+                                        static_cast<long long>(iSeek), iSeekType, nullptr) < 0)
+        return -1;
+    return OS_FileWrite(pRuntimeParam, pLogArgu, file.Get(), pBuffer, iLength, nullptr);
+}
+
+bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                            const char* pcPathFrom, const char* pcPathTo)
+{
+    if (pRuntimeParam->IsLogFileAccess())
+        LogInfo(pRuntimeParam, "[%s] Rename file, pathFrom=%s, pathTo=%s", pLogArgu->pcName,
+                pcPathFrom, pcPathTo);
+    // Onto itself: the file is not removed as the target that stands in its own way.
+    const bool bMove = strcmp(pcPathFrom, pcPathTo) != 0;
+    if (bMove && OS_IsFileExists(pcPathTo) && !RemoveFile(pRuntimeParam, pLogArgu, pcPathTo))
+        return false;
+    if (bMove && OS_IsFileExists(pcPathFrom)) {
+        CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathFrom);
+        if (OS_FileRename(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, nullptr) != 0)
+            return false;
+    }
+    const CMutexLock lock(m_hMutexFileTable);
+    return m_pFileTable->UpdateItemPath(pcPathFrom, pcPathTo);
+}
+
+bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath)
+{
+    if (pRuntimeParam->IsLogFileAccess())
+        LogInfo(pRuntimeParam, "[%s] Remove file, path=%s", pLogArgu->pcName, pcPath);
+    CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
+    return OS_FileRemove(pRuntimeParam, pLogArgu, pcPath, nullptr) == 0;
+}
+
+bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                      const char* pcPath, bool bSetMode, unsigned int iMode,
+                                      bool bSetUid, unsigned int iUid, bool bSetGid,
+                                      unsigned int iGid, bool bSetSize, unsigned long long iSize,
+                                      bool bSetAtime, unsigned int iAtimeSec,
+                                      unsigned int iAtimeNsec, bool bSetMtime,
+                                      unsigned int iMtimeSec, unsigned int iMtimeNsec)
+{
+    if (pRuntimeParam->IsLogFileAccess())
+        LogInfo(pRuntimeParam,
+                "[%s] Update file attributes, path=%s, set_mode=%d, mode=%u, set_uid=%d, uid=%u, "
+                "set_gid=%d, gid=%u, set_size=%d, size=%llu, set_atime=%d, atime.sec=%u, "
+                "atime.nsec=%u, set_mtime=%d, mtime.sec=%u, mtime.nsec=%u",
+                pLogArgu->pcName, pcPath, bSetMode, iMode, bSetUid, iUid, bSetGid, iGid, bSetSize,
+                iSize, bSetAtime, iAtimeSec, iAtimeNsec, bSetMtime, iMtimeSec, iMtimeNsec);
+    if (!bSetMode && !bSetSize)
+        return true;  // owner, group and times are accepted and left as they are
+
+    CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
+    if (bSetMode && OS_SetFileMode(pRuntimeParam, pLogArgu, pcPath, static_cast<int>(iMode),
+                                   nullptr) != 0)
+        return false;
+    return !bSetSize || OS_SetFileSize(pRuntimeParam, pLogArgu, pcPath,
+                                       static_cast<long long>(iSize), nullptr);
+}

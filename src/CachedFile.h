@@ -10,7 +10,9 @@ public:
     // The parameters are those of CUtilities::GetCachedFileHandle and must outlive this object.
     CCachedFile(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                 const char* pcPath, bool bWrite)
-        : m_pUtilities(pUtilities), m_pRuntimeParam(pRuntimeParam), m_pLogArgu(pLogArgu),
+        : m_pUtilities(pUtilities),
+          m_pRuntimeParam(pRuntimeParam),
+          m_pLogArgu(pLogArgu),
           m_iFile(pUtilities->AcquireCachedFile(pRuntimeParam, pLogArgu, pcPath, bWrite))
     {
     }

@@ -22,8 +22,7 @@ public:
     // are seconds since 1970; a value counts only where the flag before it is set.
     virtual int UpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize,
                                                unsigned long long iSize, bool bAccessTime,
-                                               unsigned long iAccessTimeSec,
-                                               bool bLastModifiedTime,
+                                               unsigned long iAccessTimeSec, bool bLastModifiedTime,
                                                unsigned long iLastModifiedTimeSec) = 0;
     virtual int RemoveRedirectedFile(const char* pcID, const char* pcPath) = 0;
     virtual int RenameRedirectedFile(const char* pcID, const char* pcPathFrom,

@@ -13,8 +13,7 @@ CDatagramSocket::~CDatagramSocket()
     Close();
 }
 
-bool CDatagramSocket::Open(unsigned long lProgId, int iPort, CUtilities* pUtilities,
-                           char* pcReason)
+bool CDatagramSocket::Open(unsigned long lProgId, int iPort, CUtilities* pUtilities, char* pcReason)
 {
     Close();
     m_iPort = iPort;

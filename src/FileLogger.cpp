@@ -17,7 +17,8 @@ constexpr size_t LINE_SIZE = 4096;  // bytes of one line in the file
 }  // namespace
 
 CFileLogger::CFileLogger(const char* pcPath)
-    : m_LogFile(pcPath), m_pUtilities(std::make_unique<CUtilities>()),
+    : m_LogFile(pcPath),
+      m_pUtilities(std::make_unique<CUtilities>()),
       m_pRuntimeParam(std::make_unique<CRuntimeParam>("", LOG_CONTROL_ERROR))
 {
 }
@@ -96,9 +97,9 @@ bool CFileLogger::LogMessage(const char* pcLevel, const char* pcText)
     strftime(cTime, sizeof(cTime), "%Y/%m/%d %H:%M:%S", &now);
 
     char cLine[LINE_SIZE + 1];  // snprintf's zero does not go into the file
-    const int iWanted = pcLevel[0] != '\0'
-                            ? snprintf(cLine, sizeof(cLine), "[%s][%s] %s\n", cTime, pcLevel, pcText)
-                            : snprintf(cLine, sizeof(cLine), "[%s] %s\n", cTime, pcText);
+    const int iWanted =
+        pcLevel[0] != '\0' ? snprintf(cLine, sizeof(cLine), "[%s][%s] %s\n", cTime, pcLevel, pcText)
+                           : snprintf(cLine, sizeof(cLine), "[%s] %s\n", cTime, pcText);
     const size_t iLength = std::min(static_cast<size_t>(iWanted), LINE_SIZE);
     cLine[iLength - 1] = '\n';  // also where the text was cut
 
@@ -126,7 +127,7 @@ bool CFileLogger::Rotate()
     if (m_pUtilities->OS_FileRename(m_pRuntimeParam.get(), &logArgu, m_LogFile.c_str(),
                                     sRotated.c_str(), nullptr) != 0)
         return false;
-    m_iLogFile.Reset(m_pUtilities->OS_FileCreate(m_pRuntimeParam.get(), &logArgu,
-                                                 m_LogFile.c_str(), nullptr));
+    m_iLogFile.Reset(
+        m_pUtilities->OS_FileCreate(m_pRuntimeParam.get(), &logArgu, m_LogFile.c_str(), nullptr));
     return m_iLogFile.Get() != -1;
 }

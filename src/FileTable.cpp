@@ -107,7 +107,8 @@ void CFileTable::RememberFoundID(unsigned int iID)
 {
     if (m_vCache.size() >= CACHE_SIZE) {
         const auto end = m_vCache.begin() + static_cast<std::ptrdiff_t>(m_vCache.size() / 10);
-        std::for_each(m_vCache.begin(), end, [this](unsigned int iOld) { m_vIsCached[iOld] = false; });
+        std::for_each(m_vCache.begin(), end,
+                      [this](unsigned int iOld) { m_vIsCached[iOld] = false; });
         m_vCache.erase(m_vCache.begin(), end);  // a tenth at once, not one with every new ID
     }
     m_vCache.push_back(iID);

@@ -25,8 +25,8 @@ unsigned int CInputStream::Read8(unsigned long* piValue)
 {
     unsigned int iRaw[2] = {};
     Read(iRaw, sizeof(iRaw));
-    *piValue = static_cast<unsigned long>(ReverseByteOrder(&iRaw[0])) << 32 |
-               ReverseByteOrder(&iRaw[1]);
+    *piValue =
+        static_cast<unsigned long>(ReverseByteOrder(&iRaw[0])) << 32 | ReverseByteOrder(&iRaw[1]);
     return sizeof(iRaw);
 }
 
@@ -43,8 +43,7 @@ unsigned int CInputStream::SkipRemainOpaque(unsigned int iLength)
     return Skip(GetPadding(iLength));
 }
 
-const unsigned char* CInputStream::GetFilledBuffer(unsigned int iOffset,
-                                                   unsigned int iLength) const
+const unsigned char* CInputStream::GetFilledBuffer(unsigned int iOffset, unsigned int iLength) const
 {
     const unsigned int iFilled = GetFilledBufferSize();
     if (iOffset > iFilled || iLength > iFilled - iOffset)

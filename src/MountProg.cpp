@@ -12,14 +12,14 @@
 
 namespace {
 
-constexpr unsigned int FILLED_HANDLE_SIZE = 88;    // bytes; those behind the file ID are zero
+constexpr unsigned int FILLED_HANDLE_SIZE = 88;     // bytes; those behind the file ID are zero
 constexpr unsigned int VERSION_1_HANDLE_SIZE = 32;  // bytes, sent without their length
 
 }  // namespace
 
 const CMountProg::PPROC CMountProg::PROCEDURES[] = {
-    &CMountProg::ProcedureNULL,  &CMountProg::ProcedureMNT,   &CMountProg::ProcedureNOIMP,
-    &CMountProg::ProcedureUMNT,  &CMountProg::ProcedureNOIMP, &CMountProg::ProcedureNOIMP,
+    &CMountProg::ProcedureNULL, &CMountProg::ProcedureMNT,   &CMountProg::ProcedureNOIMP,
+    &CMountProg::ProcedureUMNT, &CMountProg::ProcedureNOIMP, &CMountProg::ProcedureNOIMP,
 };
 
 int CMountProg::Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam)

@@ -12,18 +12,19 @@
 
 // In the order of the numbers. Creating, removing, renaming and listing are not there yet.
 const CNfs3Prog::PPROC CNfs3Prog::PROCEDURES[] = {
-    &CNfs3Prog::ProcedureNULL,    &CNfs3Prog::ProcedureGETATTR,  &CNfs3Prog::ProcedureSETATTR,
-    &CNfs3Prog::ProcedureLOOKUP,  &CNfs3Prog::ProcedureACCESS,   &CNfs3Prog::ProcedureREADLINK,
-    &CNfs3Prog::ProcedureREAD,    &CNfs3Prog::ProcedureWRITE,    &CNfs3Prog::ProcedureNOIMP,
-    &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,    &CNfs3Prog::ProcedureNOIMP,
-    &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,    &CNfs3Prog::ProcedureNOIMP,
-    &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,    &CNfs3Prog::ProcedureNOIMP,
-    &CNfs3Prog::ProcedureFSSTAT,  &CNfs3Prog::ProcedureFSINFO,   &CNfs3Prog::ProcedurePATHCONF,
+    &CNfs3Prog::ProcedureNULL,   &CNfs3Prog::ProcedureGETATTR, &CNfs3Prog::ProcedureSETATTR,
+    &CNfs3Prog::ProcedureLOOKUP, &CNfs3Prog::ProcedureACCESS,  &CNfs3Prog::ProcedureREADLINK,
+    &CNfs3Prog::ProcedureREAD,   &CNfs3Prog::ProcedureWRITE,   &CNfs3Prog::ProcedureNOIMP,
+    &CNfs3Prog::ProcedureNOIMP,  &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,
+    &CNfs3Prog::ProcedureNOIMP,  &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,
+    &CNfs3Prog::ProcedureNOIMP,  &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,
+    &CNfs3Prog::ProcedureFSSTAT, &CNfs3Prog::ProcedureFSINFO,  &CNfs3Prog::ProcedurePATHCONF,
     &CNfs3Prog::ProcedureCOMMIT,
 };
 
 CNfs3Prog::CNfs3Prog(CUtilities* pUtilities)
-    : CRpcProg(pUtilities), m_iSysUpTime(pUtilities->GetCurrentSystemTimeInMilliseconds()),
+    : CRpcProg(pUtilities),
+      m_iSysUpTime(pUtilities->GetCurrentSystemTimeInMilliseconds()),
       m_iFSF3Properties(FSF3_HOMOGENEOUS | FSF3_CANSETTIME)
 {
 }
@@ -60,10 +61,8 @@ int CNfs3Prog::ProcedureNOIMP(CInputStream*, COutputStream*, ProcessParam* pPara
     return PRC_NOTIMP;
 }
 
-CNfs3Prog::ProcedureCall::ProcedureCall(CNfs3Prog* pProg, ProcessParam* pParam,
-                                        const char* pcName)
-    : m_pUtilities(pProg->m_pUtilities), m_pRuntimeParam(pParam->pRuntimeParam),
-      m_LogArgu{pcName}
+CNfs3Prog::ProcedureCall::ProcedureCall(CNfs3Prog* pProg, ProcessParam* pParam, const char* pcName)
+    : m_pUtilities(pProg->m_pUtilities), m_pRuntimeParam(pParam->pRuntimeParam), m_LogArgu{pcName}
 {
     pProg->LogName(pParam, pcName);
 }
@@ -117,11 +116,9 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInput
 
 bool CNfs3Prog::AppendFilePath(const char* pcDir, const char* pcName, char* pcPath)
 {
-    if (pcDir == nullptr || pcName == nullptr || pcPath == nullptr ||
-        strlen(pcDir) + 1 + strlen(pcName) >= PATH_SIZE)
+    if (pcDir == nullptr || pcName == nullptr || pcPath == nullptr)
         return false;
-    snprintf(pcPath, PATH_SIZE, "%s%c%s", pcDir, '/', pcName);
-    return true;
+    return snprintf(pcPath, PATH_SIZE, "%s%c%s", pcDir, '/', pcName) < static_cast<int>(PATH_SIZE);
 }
 
 bool CNfs3Prog::IsInVaildDirName(const char* pcName)

@@ -28,8 +28,7 @@ public:
     // ---- What the procedures share. Paths are buffers of PATH_SIZE bytes. ----
 
     // Reads a handle and turns it into its path; false, with an empty path, if no file has it.
-    bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn,
-                  char* pcPath);
+    bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn, char* pcPath);
 
     // Reads a directory's handle and a name and turns them into the canonical path of that entry,
     // which need not exist; false, with an empty path, if the directory is unknown or the joined
@@ -39,8 +38,7 @@ public:
 
     // NFS3ERR_IO unless an export holds the path. Makes the export's owner the one that lines and
     // notifications of this call go to.
-    nfsstat3 CheckProcessParam(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                               const char* pcPath);
+    nfsstat3 CheckProcessParam(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
     nfsstat3 CheckPath(const char* pcPath, bool bMustExist);
 
     bool GetNfsFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
@@ -55,7 +53,7 @@ public:
     static unsigned int ConvertFileModeToNfsFileMode(unsigned int iMode);
     static unsigned int ConvertNfsFileModeToFileMode(unsigned int iMode);
 
-    // Writes "dir/name" to pcPath; false, with pcPath untouched, for null or where it does not fit.
+    // Writes "dir/name" to pcPath; false for null and for a path that does not fit, which is cut.
     static bool AppendFilePath(const char* pcDir, const char* pcName, char* pcPath);
 
     // True for null and the entries that no listing shows: "." and ".." (kept spelling).
@@ -111,12 +109,12 @@ private:
     nfsstat3 SetAttributes(ProcedureCall* pCall, const char* pcPath, const sattr3& attributes);
     nfsstat3 ReadData(ProcedureCall* pCall, COutputStream* pOut, const char* pcPath,
                       uint64_t iOffset, uint32_t iCount, unsigned int* piRead, bool* pbEof);
-    nfsstat3 WriteData(ProcedureCall* pCall, const char* pcPath, uint64_t iOffset,
-                       uint32_t iCount, const opaque& data, unsigned int* piWritten);
+    nfsstat3 WriteData(ProcedureCall* pCall, const char* pcPath, uint64_t iOffset, uint32_t iCount,
+                       const opaque& data, unsigned int* piWritten);
 
     unsigned long m_iUId = 0;  // kept for the controller; no reply shows them
     unsigned long m_iGId = 0;
-    const unsigned long long m_iSysUpTime;      // milliseconds since 1970; the write verifier
-    const unsigned int m_iFSF3Properties;       // FileSystemProperty bits
-    bool m_bReadOnly = false;                   // refuse changes
+    const unsigned long long m_iSysUpTime;  // milliseconds since 1970; the write verifier
+    const unsigned int m_iFSF3Properties;   // FileSystemProperty bits
+    bool m_bReadOnly = false;               // refuse changes
 };

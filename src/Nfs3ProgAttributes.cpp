@@ -112,8 +112,8 @@ bool CNfs3Prog::GetNfsFileAttributes(const char*, wcc_attr*)
 post_op_attr CNfs3Prog::GetPostOpAttributes(ProcedureCall* pCall, const char* pcPath)
 {
     post_op_attr attr;
-    attr.attributes_follow = GetNfsFileAttributes(pCall->m_pRuntimeParam, &pCall->m_LogArgu,
-                                                  pcPath, &attr.attributes);
+    attr.attributes_follow =
+        GetNfsFileAttributes(pCall->m_pRuntimeParam, &pCall->m_LogArgu, pcPath, &attr.attributes);
     return attr;
 }
 
@@ -169,12 +169,12 @@ nfsstat3 CNfs3Prog::CheckGuard(ProcedureCall* pCall, const char* pcPath, const s
     GetNfsFileAttributes(pcPath, &before);
     if (!guard.check || guard.obj_ctime.seconds == before.ctime.seconds)
         return NFS3_OK;
-    if (pCall->m_pRuntimeParam->IsLogError())  // kept: the two times stand behind each other's label
-        m_pUtilities->LogError(pCall->m_pRuntimeParam,
-                               "[%s] Guard check fail, client: %lld, server: %lld",
-                               pCall->m_LogArgu.pcName,
-                               static_cast<long long>(before.ctime.seconds),
-                               static_cast<long long>(guard.obj_ctime.seconds));
+    if (pCall->m_pRuntimeParam
+            ->IsLogError())  // kept: the two times stand behind each other's label
+        m_pUtilities->LogError(
+            pCall->m_pRuntimeParam, "[%s] Guard check fail, client: %lld, server: %lld",
+            pCall->m_LogArgu.pcName, static_cast<long long>(before.ctime.seconds),
+            static_cast<long long>(guard.obj_ctime.seconds));
     return NFS3ERR_NOT_SYNC;
 }
 

@@ -70,12 +70,13 @@ nfsstat3 CNfs3Prog::ReadData(ProcedureCall* pCall, COutputStream* pOut, const ch
         stat = NFS3ERR_INVAL;
         if (pRuntimeParam->IsLogError())
             m_pUtilities->LogError(
-                pRuntimeParam, "[%s] Count bigger than free buffer (path=%s, offset=%llu length=%u)",
-                pcName, pcPath, iShownOffset, iCount);
+                pRuntimeParam,
+                "[%s] Count bigger than free buffer (path=%s, offset=%llu length=%u)", pcName,
+                pcPath, iShownOffset, iCount);
     } else if (iCount != 0) {
-        const int iRead = m_pUtilities->ReadFile(pRuntimeParam, &pCall->m_LogArgu, pcPath, iOffset,
-                                                 SEEK_SET, pOut->GetCurrentBuffer(),
-                                                 std::min(iCount, NFS3_RTMAX), pbEof);
+        const int iRead =
+            m_pUtilities->ReadFile(pRuntimeParam, &pCall->m_LogArgu, pcPath, iOffset, SEEK_SET,
+                                   pOut->GetCurrentBuffer(), std::min(iCount, NFS3_RTMAX), pbEof);
         if (iRead >= 0) {
             *piRead = static_cast<unsigned int>(iRead);
         } else {
@@ -159,8 +160,7 @@ int CNfs3Prog::ProcedureCOMMIT(CInputStream* pIn, COutputStream* pOut, ProcessPa
     Read(pIn, &handle, true);
     Read(pIn, &iOffset);
     Read(pIn, &iCount);
-    const nfsstat3 stat =
-        CheckProcessParam(call.m_pRuntimeParam, &call.m_LogArgu, handle.Get());
+    const nfsstat3 stat = CheckProcessParam(call.m_pRuntimeParam, &call.m_LogArgu, handle.Get());
     Write(pOut, stat);
     Write(pOut, wcc_data{});
     if (stat == NFS3_OK)

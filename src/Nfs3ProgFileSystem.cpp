@@ -68,8 +68,8 @@ int CNfs3Prog::ProcedurePATHCONF(CInputStream* pIn, COutputStream* pOut, Process
     Write(pOut, stat);
     Write(pOut, post_op_attr{});
     if (stat == NFS3_OK) {
-        pOut->Write(0U);    // linkmax
-        pOut->Write(255U);  // name_max
+        pOut->Write(0U);     // linkmax
+        pOut->Write(255U);   // name_max
         Write(pOut, false);  // no_trunc
         Write(pOut, true);   // chown_restricted
         Write(pOut, true);   // case_insensitive; kept, though local names are not

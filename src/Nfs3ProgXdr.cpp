@@ -59,7 +59,8 @@ void Read(CInputStream* pIn, COpaquePath* pPath, bool bSkip)
 
 namespace {
 
-template <typename Setting> void ReadSetting(CInputStream* pIn, Setting* pSetting)
+template <typename Setting>
+void ReadSetting(CInputStream* pIn, Setting* pSetting)
 {
     Read(pIn, &pSetting->set_it);
     if (pSetting->set_it)

@@ -5,8 +5,8 @@
 #include <string>
 
 constexpr unsigned int NFS_V3 = 3;
-constexpr unsigned int NFS3_FHSIZE = 56;          // bytes of every handle that is handed out
-constexpr unsigned int NFS3_CREATEVERFSIZE = 8;   // bytes
+constexpr unsigned int NFS3_FHSIZE = 56;         // bytes of every handle that is handed out
+constexpr unsigned int NFS3_CREATEVERFSIZE = 8;  // bytes
 
 enum NfsProcedure : unsigned int {
     NFSPROC3_NULL = 0,

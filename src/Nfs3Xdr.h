@@ -38,4 +38,5 @@ void Write(COutputStream* pOut, const pre_op_attr& attr);
 void Write(COutputStream* pOut, const post_op_attr& attr);
 void Write(COutputStream* pOut, const post_op_fh3& handle);
 void Write(COutputStream* pOut, const wcc_data& data);
-template <typename T> void Write(COutputStream* pOut, T) = delete;  // nothing converts in silence
+template <typename T>
+void Write(COutputStream* pOut, T) = delete;  // nothing converts in silence

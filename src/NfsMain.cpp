@@ -28,6 +28,7 @@ CNfsMain::~CNfsMain()
 void CNfsMain::InitMemberVaribles(const char* pcID, int iLogControl)
 {
     m_pRuntimeParam = std::make_unique<CRuntimeParam>(pcID, iLogControl);
+    // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.VirtualCall): see the constructor
     m_pUtilities = CreateUtilities();
 }
 
@@ -125,10 +126,9 @@ bool CNfsMain::SetDebugActionEnabled(bool bEnabled)
     return true;
 }
 
-bool CNfsMain::EnableAutoShutdown(bool bEnabled)
+void CNfsMain::EnableAutoShutdown(bool bEnabled)
 {
     m_bAutoShutdownEnabled = bEnabled;
-    return true;
 }
 
 bool CNfsMain::RequestAutoShutdown()
@@ -167,31 +167,28 @@ bool CNfsMain::AddMountPoint(const char* pcLocalPath, const char* pcExportName, 
     return AddMountPoint(pcLocalPath, pcExportName, "", pcReason);
 }
 
-bool CNfsMain::AddMountPoint(const char* pcLocalPath, const char* pcExportName,
-                             const char* pcIpcID, char* pcReason)
+bool CNfsMain::AddMountPoint(const char* pcLocalPath, const char* pcExportName, const char* pcIpcID,
+                             char* pcReason)
 {
     LogArgu logArgu = {"NfsMain.AddMountPoint"};
     return m_pUtilities->AddMountInfo(m_pRuntimeParam.get(), &logArgu, pcLocalPath, pcExportName,
                                       pcIpcID, pcReason);
 }
 
-bool CNfsMain::RemoveMountPoint(const char* pcLocalPath)
+void CNfsMain::RemoveMountPoint(const char* pcLocalPath)
 {
     LogArgu logArgu = {"NfsMain.RemoveMountPoint"};
     m_pUtilities->RemoveMountInfoByLocalMountPath(m_pRuntimeParam.get(), &logArgu, pcLocalPath);
-    return true;
 }
 
-bool CNfsMain::AddSessionInfo(const char* pcSessionID, const char* pcLocalPath)
+void CNfsMain::AddSessionInfo(const char* pcSessionID, const char* pcLocalPath)
 {
     m_pUtilities->AddSessionInfo(pcSessionID, pcLocalPath);
-    return true;
 }
 
-bool CNfsMain::RemoveSessionInfo(const char* pcSessionID)
+void CNfsMain::RemoveSessionInfo(const char* pcSessionID)
 {
     m_pUtilities->RemoveSessionInfo(pcSessionID);
-    return true;
 }
 
 bool CNfsMain::IsSessionExists(const char* pcSessionID)
@@ -204,24 +201,21 @@ bool CNfsMain::IsLocalSessionExists(const char* pcSessionID)
     return m_pUtilities->IsSessionExists(pcSessionID);
 }
 
-bool CNfsMain::OpenRedirectedFile(const char* pcPath, long long iSize, bool bCreateInfoFile,
+void CNfsMain::OpenRedirectedFile(const char* pcPath, long long iSize, bool bCreateInfoFile,
                                   int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB)
 {
-    return m_pUtilities->OpenRedirectedFile(m_pRuntimeParam.get(), pcPath, iSize, bCreateInfoFile,
-                                            iInfoFileSegmentSizeMB,
-                                            iInfoFileCheckPointSizeMB) != nullptr;
+    m_pUtilities->OpenRedirectedFile(m_pRuntimeParam.get(), pcPath, iSize, bCreateInfoFile,
+                                     iInfoFileSegmentSizeMB, iInfoFileCheckPointSizeMB);
 }
 
-bool CNfsMain::CloseRedirectedFile(const char* pcPath)
+void CNfsMain::CloseRedirectedFile(const char* pcPath)
 {
     m_pUtilities->CloseRedirectedFile(m_pRuntimeParam.get(), pcPath);
-    return true;
 }
 
-bool CNfsMain::CloseAllRedirectedFiles(const char* pcPath)
+void CNfsMain::CloseAllRedirectedFiles(const char* pcPath)
 {
     m_pUtilities->CloseAllRedirectedFiles(m_pRuntimeParam.get(), pcPath);
-    return true;
 }
 
 bool CNfsMain::AddRedirectedFileSegment(const char* pcPath, const char* pcSrcPath,
@@ -232,30 +226,26 @@ bool CNfsMain::AddRedirectedFileSegment(const char* pcPath, const char* pcSrcPat
                                                   iSrcFileOffset, iOffset, iLength, pcReason);
 }
 
-bool CNfsMain::ExportRedirectedFile(const char* pcPath, const char* pcDest)
+void CNfsMain::ExportRedirectedFile(const char* pcPath, const char* pcDest)
 {
     m_pUtilities->ExportRedirectedFile(m_pRuntimeParam.get(), pcPath, pcDest);
-    return true;
 }
 
-bool CNfsMain::ExportRedirectedFileInfo(const char* pcPath, const char* pcDest, bool bMergeRange)
+void CNfsMain::ExportRedirectedFileInfo(const char* pcPath, const char* pcDest, bool bMergeRange)
 {
     m_pUtilities->ExportRedirectedFileInfo(m_pRuntimeParam.get(), pcPath, pcDest, bMergeRange);
-    return true;
 }
 
-bool CNfsMain::CloseCachedFileHandle(const char* pcPath)
+void CNfsMain::CloseCachedFileHandle(const char* pcPath)
 {
     LogArgu logArgu = {"NfsMain.CloseCachedFileHandle"};
     m_pUtilities->CloseCachedFileHandle(m_pRuntimeParam.get(), &logArgu, pcPath);
-    return true;
 }
 
-bool CNfsMain::CloseAllCachedFileHandles(const char* pcPath)
+void CNfsMain::CloseAllCachedFileHandles(const char* pcPath)
 {
     LogArgu logArgu = {"NfsMain.CloseAllCachedFileHandles"};
     m_pUtilities->CloseAllCachedFileHandles(m_pRuntimeParam.get(), &logArgu, pcPath);
-    return true;
 }
 
 int CNfsMain::GetMountInfo(bool bClientMountedOnly, bool bPrintDetails)
@@ -279,15 +269,14 @@ int CNfsMain::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
     return m_pUtilities->GetSessionInfo(pRuntimeParam, bPrintDetails);
 }
 
-bool CNfsMain::RunTestMode(const char* pcPath, long long iFileSize)
+void CNfsMain::RunTestMode(const char* pcPath, long long iFileSize)
 {
     return RunTestMode(m_pRuntimeParam.get(), pcPath, iFileSize);
 }
 
-bool CNfsMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, long long iFileSize)
+void CNfsMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, long long iFileSize)
 {
     m_pUtilities->RunTestMode(pRuntimeParam, pcPath, iFileSize);
-    return true;
 }
 
 int CNfsMain::GetVSphereInfo(bool bPrintDetails)
@@ -300,15 +289,13 @@ int CNfsMain::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
     return m_pUtilities->GetVSphereInfo(pRuntimeParam, bPrintDetails);
 }
 
-bool CNfsMain::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
+void CNfsMain::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
                               const char* pcUser, const char* pcPwd)
 {
     m_pUtilities->AddVSphereInfo(pcDatastoreMoid, pcHost, pcPort, pcUser, pcPwd);
-    return true;
 }
 
-bool CNfsMain::RemoveVSphereInfo(const char* pcDatastoreMoid)
+void CNfsMain::RemoveVSphereInfo(const char* pcDatastoreMoid)
 {
     m_pUtilities->RemoveVSphereInfo(pcDatastoreMoid);
-    return true;
 }

@@ -79,51 +79,51 @@ public:
                              bool bReadOnly, char* pcReason);
     virtual void StopServer();
 
-    virtual int GetAccessMode();                // AccessMode
-    virtual void GetVersion(char* pcOut);       // DESCRIPTION_SIZE bytes, as the next
+    virtual int GetAccessMode();           // AccessMode
+    virtual void GetVersion(char* pcOut);  // DESCRIPTION_SIZE bytes, as the next
     virtual void GetDescription(char* pcOut);
     virtual bool IsServerRunning();
 
     // See CUtilities for what these do. Without an IPC ID the export belongs to this process.
     virtual bool AddMountPoint(const char* pcLocalPath, const char* pcExportName, char* pcReason);
-    virtual bool RemoveMountPoint(const char* pcLocalPath);
-    virtual bool AddSessionInfo(const char* pcSessionID, const char* pcLocalPath);
-    virtual bool RemoveSessionInfo(const char* pcSessionID);
+    virtual void RemoveMountPoint(const char* pcLocalPath);
+    virtual void AddSessionInfo(const char* pcSessionID, const char* pcLocalPath);
+    virtual void RemoveSessionInfo(const char* pcSessionID);
     virtual bool IsSessionExists(const char* pcSessionID);
 
-    virtual bool OpenRedirectedFile(const char* pcPath, long long iSize, bool bCreateInfoFile,
+    virtual void OpenRedirectedFile(const char* pcPath, long long iSize, bool bCreateInfoFile,
                                     int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB);
-    virtual bool CloseRedirectedFile(const char* pcPath);
-    virtual bool CloseAllRedirectedFiles(const char* pcPath);
+    virtual void CloseRedirectedFile(const char* pcPath);
+    virtual void CloseAllRedirectedFiles(const char* pcPath);
     virtual bool AddRedirectedFileSegment(const char* pcPath, const char* pcSrcPath,
                                           long long iSrcFileOffset, long long iOffset,
                                           long long iLength, char* pcReason);
-    virtual bool ExportRedirectedFile(const char* pcPath, const char* pcDest);
-    virtual bool ExportRedirectedFileInfo(const char* pcPath, const char* pcDest,
-                                          bool bMergeRange);
+    virtual void ExportRedirectedFile(const char* pcPath, const char* pcDest);
+    virtual void ExportRedirectedFileInfo(const char* pcPath, const char* pcDest, bool bMergeRange);
 
-    virtual bool CloseCachedFileHandle(const char* pcPath);
-    virtual bool CloseAllCachedFileHandles(const char* pcPath);
+    virtual void CloseCachedFileHandle(const char* pcPath);
+    virtual void CloseAllCachedFileHandles(const char* pcPath);
 
     // Takes effect at once, also in a running server.
     virtual void SetLogControl(int iLogControl);
 
-    // Counts, with a listing as raw lines if asked for.
-    virtual int GetMountInfo(bool bClientMountedOnly, bool bPrintDetails);
-    virtual int GetSessionInfo(bool bPrintDetails);
-    virtual bool RunTestMode(const char* pcPath, long long iFileSize);
+    // Counts, with a listing as raw lines if asked for, under the caller's context.
+    virtual int GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly,
+                             bool bPrintDetails);
+    virtual int GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
+    virtual void RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, long long iFileSize);
 
     // A request is refused unless it is enabled; it only sets a flag, which whoever runs the main
     // loop polls.
-    virtual bool EnableAutoShutdown(bool bEnabled);
+    virtual void EnableAutoShutdown(bool bEnabled);
     virtual bool RequestAutoShutdown();
 
     virtual int GetServerStatus();  // ServerStatus bits
     virtual bool SetDebugActionEnabled(bool bEnabled);
-    virtual int GetVSphereInfo(bool bPrintDetails);
-    virtual bool AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost,
-                                const char* pcPort, const char* pcUser, const char* pcPwd);
-    virtual bool RemoveVSphereInfo(const char* pcDatastoreMoid);
+    virtual int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
+    virtual void AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
+                                const char* pcUser, const char* pcPwd);
+    virtual void RemoveVSphereInfo(const char* pcDatastoreMoid);
 
 protected:
     // For derived controllers, which call InitMemberVaribles themselves (kept spelling).
@@ -138,15 +138,15 @@ public:
     CNfsMain(const CNfsMain&) = delete;
     CNfsMain& operator=(const CNfsMain&) = delete;
 
-    // ---- The same operations under the context of another caller ----
+    // ---- The same operations under the controller's own context, or for another process ----
 
     bool AddMountPoint(const char* pcLocalPath, const char* pcExportName, const char* pcIpcID,
                        char* pcReason);
     bool IsLocalSessionExists(const char* pcSessionID);
-    int GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly, bool bPrintDetails);
-    int GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
-    bool RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, long long iFileSize);
-    int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
+    int GetMountInfo(bool bClientMountedOnly, bool bPrintDetails);
+    int GetSessionInfo(bool bPrintDetails);
+    void RunTestMode(const char* pcPath, long long iFileSize);
+    int GetVSphereInfo(bool bPrintDetails);
 
     bool IsAutoShutdownEnabled() const { return m_bAutoShutdownEnabled; }
     bool IsAutoShutdownRequested() const { return m_bAutoShutdownRequested; }
@@ -182,7 +182,7 @@ private:
     std::unique_ptr<CUtilities> m_pUtilities;        // owned
 
     CMutex m_hMutexServer;  // starting and stopping; held for their whole run
-    std::unique_ptr<CMountProg> m_pMountProg GUARDED_BY(m_hMutexServer);      // owned, as all below
+    std::unique_ptr<CMountProg> m_pMountProg GUARDED_BY(m_hMutexServer);  // owned, as all below
     SocketHandle m_Sockets[SOCKETS_COUNT] GUARDED_BY(m_hMutexServer);
     std::unique_ptr<CPortmapProg> m_pPortmapProg GUARDED_BY(m_hMutexServer);  // if internal
     std::unique_ptr<CPortmap> m_pPortmap GUARDED_BY(m_hMutexServer);

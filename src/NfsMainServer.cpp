@@ -106,8 +106,7 @@ bool CNfsMain::OpenSockets(SocketIndex index, int iProg, int iPort, int iMaxNum,
 {
     const SocketHandle& sockets = m_Sockets[index];
     const auto lProg = static_cast<unsigned long>(iProg);
-    return sockets.pServerSocket->Open(lProg, iPort, iMaxNum, m_pUtilities.get(),
-                                       pcSocketReason) &&
+    return sockets.pServerSocket->Open(lProg, iPort, iMaxNum, m_pUtilities.get(), pcSocketReason) &&
            sockets.pDatagramSocket->Open(lProg, iPort, m_pUtilities.get(), pcSocketReason);
 }
 
@@ -132,9 +131,8 @@ bool CNfsMain::OpenListeners(int iMountPort, int iNfsPort, char* pcReason)
             m_pUtilities->LogError(pRuntimeParam, "[%s] Fail to start NFS daemon. Reason=%s",
                                    START_NAME, cSocketReason);
         if (HasFileLogger())
-            m_pUtilities->LogError(pRuntimeParam,
-                                   "Fail to start NFS daemon on port %d. Reason=%s", iNfsPort,
-                                   cSocketReason);
+            m_pUtilities->LogError(pRuntimeParam, "Fail to start NFS daemon on port %d. Reason=%s",
+                                   iNfsPort, cSocketReason);
         FormatReason(pcReason, "NFS daemon failed to open port %d", iNfsPort);
         return false;
     }
@@ -156,14 +154,14 @@ bool CNfsMain::OpenListeners(int iMountPort, int iNfsPort, char* pcReason)
 bool CNfsMain::RegisterPrograms()
 {
     char cReason[REASON_SIZE] = "";
-    const bool bNfs = m_pPortmap->Register(PROG_NFS, 3, m_Sockets[SOCKETS_NFS].pServerSocket.get(),
-                                           cReason);
+    const bool bNfs =
+        m_pPortmap->Register(PROG_NFS, 3, m_Sockets[SOCKETS_NFS].pServerSocket.get(), cReason);
     if (!bNfs && HasFileLogger())
         m_pUtilities->LogError(m_pRuntimeParam.get(),
                                "Fail to register NFS daemon to external portmapper. Reason=%s",
                                cReason);
-    const bool bMount = m_pPortmap->Register(
-        PROG_MOUNT, 3, m_Sockets[SOCKETS_MOUNT].pServerSocket.get(), cReason);
+    const bool bMount =
+        m_pPortmap->Register(PROG_MOUNT, 3, m_Sockets[SOCKETS_MOUNT].pServerSocket.get(), cReason);
     if (!bMount && HasFileLogger())
         m_pUtilities->LogError(m_pRuntimeParam.get(),
                                "Fail to register Mount daemon to external portmapper. Reason=%s",

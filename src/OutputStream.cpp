@@ -34,8 +34,7 @@ void COutputStream::Seek(int iOffset, int iWhence)
         iTarget += m_iSize;
     else if (iWhence != 0)
         return;
-    m_iIndex =
-        static_cast<unsigned int>(std::clamp<long long>(iTarget, 0, GetMaxBufferSize()));
+    m_iIndex = static_cast<unsigned int>(std::clamp<long long>(iTarget, 0, GetMaxBufferSize()));
 }
 
 void COutputStream::WriteRemainOpaque(int iLength)

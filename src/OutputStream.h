@@ -17,7 +17,8 @@ public:
     // It may go past those; they follow with the next write or at Truncate.
     void Seek(int iOffset, int iWhence);
 
-    // Moves over the padding behind opaque data of iLength bytes; what the buffer holds there stays.
+    // Moves over the padding behind opaque data of iLength bytes; what the buffer holds there
+    // stays.
     void WriteRemainOpaque(int iLength);
 
     // Makes the position the end of the valid bytes.

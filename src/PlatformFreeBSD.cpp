@@ -4,8 +4,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <sys/param.h>
 #include <sys/mount.h>
+#include <sys/param.h>
 
 namespace Platform {
 

@@ -1,10 +1,10 @@
 // Registration with the port mapper of this machine through the system's ONC RPC library.
 #include "Platform.h"
 
-#include <netinet/in.h>
-#include <rpc/rpc.h>
-#include <rpc/pmap_clnt.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <rpc/pmap_clnt.h>
+#include <rpc/rpc.h>
 #include <unistd.h>
 
 namespace Platform {

@@ -66,8 +66,8 @@ bool CPortmap::Register(unsigned long lProg, unsigned long lVers, CServerSocket*
                     static_cast<unsigned long>(pServerSocket->GetPort()), pcReason);
 }
 
-bool CPortmap::Register(unsigned long lProg, unsigned long lVers, int iSocket,
-                        unsigned long lPort, char* pcReason)
+bool CPortmap::Register(unsigned long lProg, unsigned long lVers, int iSocket, unsigned long lPort,
+                        char* pcReason)
 {
     if (!bIsRunning) {
         FormatReason(pcReason, "Portmapper is not running.");
@@ -81,8 +81,8 @@ bool CPortmap::Register(unsigned long lProg, unsigned long lVers, int iSocket,
         own.Reset(CreateSocket(lPort, cError));
         if (own.Get() < 0) {
             own.Release();
-            FormatReason(pcReason, "Fail to opening register socket for port %lu. Reason=%s",
-                         lPort, cError);
+            FormatReason(pcReason, "Fail to opening register socket for port %lu. Reason=%s", lPort,
+                         cError);
             return false;
         }
         iSocket = own.Get();
@@ -116,8 +116,8 @@ bool CPortmap::RegisterSvc(long lProg, long lVers, int iSocket, char* pcReason)
         return false;
     }
     if (bLog)
-        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Registered UDP for %ld ver=%ld", pcName,
-                              lProg, lVers);
+        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Registered UDP for %ld ver=%ld", pcName, lProg,
+                              lVers);
 
     if (bLog)
         m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Creating TCP for %ld ver=%ld", pcName, lProg,
@@ -135,8 +135,8 @@ bool CPortmap::RegisterSvc(long lProg, long lVers, int iSocket, char* pcReason)
         return false;
     }
     if (bLog)
-        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Registered TCP for %ld ver=%ld", pcName,
-                              lProg, lVers);
+        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Registered TCP for %ld ver=%ld", pcName, lProg,
+                              lVers);
     return true;
 }
 

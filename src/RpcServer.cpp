@@ -121,11 +121,10 @@ int CRpcServer::AnswerCall(CSocket* pSocket, const std::string& sRemoteAddr)
     if (pRuntimeParam->IsLogRpc())
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Input buf size(%u) pos(%u)", logArgu.pcName,
                               pIn->GetFilledBufferSize(), pIn->GetBufferIndex());
-    if (!LookForValidHeader(pRuntimeParam, &logArgu, pSocket->GetProgId(), pSocket->GetType(),
-                            pIn, pOut)) {
+    if (!LookForValidHeader(pRuntimeParam, &logArgu, pSocket->GetProgId(), pSocket->GetType(), pIn,
+                            pOut)) {
         if (pRuntimeParam->IsLogRpc())
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Cannot find valid header!!",
-                                  logArgu.pcName);
+            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Cannot find valid header!!", logArgu.pcName);
         return PRC_TRUNCATED;
     }
     const unsigned int iStart = pIn->GetBufferIndex();
@@ -136,8 +135,7 @@ int CRpcServer::AnswerCall(CSocket* pSocket, const std::string& sRemoteAddr)
         pOut->ResetBuffer();
         pIn->SetBufferIndex(iStart);  // the whole record again, once more of it has arrived
         if (pRuntimeParam->IsLogRpc())
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Reset input buffer postion",
-                                  logArgu.pcName);
+            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Reset input buffer postion", logArgu.pcName);
     }
     if (pRuntimeParam->IsLogRpc())
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Output buf size(%u)", logArgu.pcName,
@@ -154,12 +152,11 @@ bool CRpcServer::FindNextHeader(CSocket* pSocket, unsigned long long iRecordEnd)
     if (pSocket->GetType() == SOCKET_STREAM) {
         if (iRecordEnd > pIn->GetBufferEnd())
             return false;
-        pIn->SetBufferIndex(
-            std::max(pIn->GetBufferIndex(), static_cast<unsigned int>(iRecordEnd)));
+        pIn->SetBufferIndex(std::max(pIn->GetBufferIndex(), static_cast<unsigned int>(iRecordEnd)));
     }
     LogArgu logArgu = {"RpcServer.SocketReceived"};
-    return LookForValidHeader(&m_pRuntimeParam, &logArgu, pSocket->GetProgId(),
-                              pSocket->GetType(), pIn, pSocket->GetOutputStream());
+    return LookForValidHeader(&m_pRuntimeParam, &logArgu, pSocket->GetProgId(), pSocket->GetType(),
+                              pIn, pSocket->GetOutputStream());
 }
 
 bool CRpcServer::IsValidHeader(unsigned long iProg, unsigned int iVers, unsigned int iProc) const
@@ -203,8 +200,7 @@ bool CRpcServer::LookForValidHeader(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
         if (bLog && iFound >= LIKELY_PROGRAM_FIRST && iFound <= LIKELY_PROGRAM_LAST &&
             LoadWord(pcWords + 8) <= LIKELY_PROCEDURE_LAST)  // kept: "ProcId" for the program too
             m_pUtilities->LogInfo(
-                pRuntimeParam,
-                "[%s] A possible valid header may be skipped, ProcId=%u, ProcId=%u",
+                pRuntimeParam, "[%s] A possible valid header may be skipped, ProcId=%u, ProcId=%u",
                 pLogArgu->pcName, iFound, LoadWord(pcWords + 8));
     }
     return false;
@@ -282,9 +278,8 @@ void CRpcServer::LogHeader(CRuntimeParam* pRuntimeParam, int iSocketType,
 
 // Writes the accept state and has the program write its results behind it. A header that was cut
 // short still goes to its program, which meets the end itself.
-int CRpcServer::CallProgram(CRuntimeParam* pRuntimeParam, const RPC_STM_HEADER& header,
-                            int iResult, CInputStream* pIn, COutputStream* pOut,
-                            const char* pcRemoteAddr)
+int CRpcServer::CallProgram(CRuntimeParam* pRuntimeParam, const RPC_STM_HEADER& header, int iResult,
+                            CInputStream* pIn, COutputStream* pOut, const char* pcRemoteAddr)
 {
     if (iResult == PRC_FAIL) {
         pOut->Write(GARBAGE_ARGS);

@@ -49,7 +49,7 @@ struct RPC_HEADER {  // UDP
     OPAQUE_AUTH verf;
 };
 
-struct RPC_STM_HEADER {  // TCP
+struct RPC_STM_HEADER {    // TCP
     unsigned int lHeader;  // record mark
     unsigned int lXID;
     unsigned int lMsg;

@@ -30,6 +30,11 @@ public:
     CRuntimeParam(const CRuntimeParam&) = delete;
     CRuntimeParam& operator=(const CRuntimeParam&) = delete;
 
+    // Whether a server process may bear the ID: not the word "server" itself, which names the
+    // channel of every server process, and no "/" or blank. If not, the reason goes to pcReason
+    // (REASON_SIZE bytes, or null).
+    static bool IsValidServerID(const char* pcID, char* pcReason);
+
     // The ID under which lines and notifications of this caller are delivered. Null sets the empty
     // string; the result is never null and good until the next SetID.
     void SetID(const char* pcID);
@@ -40,7 +45,10 @@ public:
     const char* GetIpcID() const { return m_sIpcID.c_str(); }
 
     // The value is kept as given: bits that nothing tests come back unchanged.
-    void SetLogControl(int iLogControl) { m_iLogControl.store(iLogControl, std::memory_order_relaxed); }
+    void SetLogControl(int iLogControl)
+    {
+        m_iLogControl.store(iLogControl, std::memory_order_relaxed);
+    }
     int GetLogControl() const { return m_iLogControl.load(std::memory_order_relaxed); }
 
     // False also where the sign bit is among the bits in common: the comparison is a signed one.

@@ -76,8 +76,8 @@ bool CServerSocket::Listen(char* pcReason)
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_ANY);
     address.sin_port = htons(static_cast<in_port_t>(m_nPort));
-    if (bind(m_ServerSocket.Get(), reinterpret_cast<const sockaddr*>(&address),
-             sizeof(address)) != 0)
+    if (bind(m_ServerSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
+        0)
         return Fail("Fail to bind server socket. %s", errno, pcReason);
     if (listen(m_ServerSocket.Get(), m_nMaxNum) != 0)
         return Fail("Fail to listen server socket. %s", errno, pcReason);
@@ -136,8 +136,8 @@ void CServerSocket::Accept()
 {
     sockaddr_in peer = {};
     socklen_t iLength = sizeof(peer);
-    CAutoFd connection(accept4(m_ServerSocket.Get(), reinterpret_cast<sockaddr*>(&peer), &iLength,
-                               SOCK_CLOEXEC));
+    CAutoFd connection(
+        accept4(m_ServerSocket.Get(), reinterpret_cast<sockaddr*>(&peer), &iLength, SOCK_CLOEXEC));
     if (connection.Get() == -1) {
         // Short of descriptors or memory: the connection stays in the backlog, and asking for it
         // again at once would only burn the processor.

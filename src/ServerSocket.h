@@ -46,11 +46,10 @@ private:
     void Accept();
     bool Listen(char* pcReason);
     bool StartThread(char* pcReason);
-    bool Fail(const char* pcText, int iError, char* pcReason)
-        __attribute__((format(printf, 2, 0)));
+    bool Fail(const char* pcText, int iError, char* pcReason) __attribute__((format(printf, 2, 0)));
 
     int m_nPort = 0;
-    int m_nMaxNum = 0;                         // connections, and the backlog
+    int m_nMaxNum = 0;  // connections, and the backlog
     CAutoFd m_ServerSocket;
     std::atomic<bool> m_bClosed = true;
     ISocketListener* m_pListener = nullptr;    // not owned
@@ -58,6 +57,6 @@ private:
     CUtilities* m_pUtilities = nullptr;        // not owned
     std::unique_ptr<CWakePipe> m_pWakePipe;    // owned
     pthread_t m_hThread = {};
-    int m_iThreadCreated = -1;                          // 0 if there is a thread to join
+    int m_iThreadCreated = -1;                         // 0 if there is a thread to join
     std::vector<std::unique_ptr<CSocket>> m_pSockets;  // owned: nMaxNum, all made at Open
 };

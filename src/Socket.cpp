@@ -25,7 +25,9 @@ void Pause()
 }  // namespace
 
 CSocket::CSocket(int iType, unsigned long lProgId)
-    : m_iType(iType), m_lProgId(lProgId), m_pInputStream(std::make_unique<CInputStream>()),
+    : m_iType(iType),
+      m_lProgId(lProgId),
+      m_pInputStream(std::make_unique<CInputStream>()),
       m_pOutputStream(std::make_unique<COutputStream>())
 {
 }
@@ -98,7 +100,10 @@ void CSocket::Run()
         try {
             m_pListener->SocketReceived(this);
         } catch (const std::exception&) {
-            break;  // out of memory, for one: it costs this connection, not the process
+            // Out of memory, for one: it costs this connection, or this datagram, not the process.
+            if (m_iType == SOCKET_STREAM)
+                break;
+            m_pOutputStream->ResetBuffer();
         }
         // What a datagram leaves unread goes with it: the next may be another peer's.
         if (m_iType == SOCKET_DATAGRAM)
@@ -118,8 +123,8 @@ ssize_t CSocket::Receive()
 ssize_t CSocket::ReceiveStream()
 {
     for (;;) {
-        const ssize_t iReceived = recv(m_Socket, m_pInputStream->GetFreeBuffer(),
-                                       m_pInputStream->GetFreeBufferSize(), 0);
+        const ssize_t iReceived =
+            recv(m_Socket, m_pInputStream->GetFreeBuffer(), m_pInputStream->GetFreeBufferSize(), 0);
         if (iReceived >= 0 || (errno != EINTR && !IsShortage(errno)))
             return iReceived;
         if (errno != EINTR)
@@ -134,9 +139,8 @@ ssize_t CSocket::ReceiveDatagram()
     while (m_pWakePipe->WaitReadable(m_Socket, -1)) {
         socklen_t iLength = sizeof(m_RemoteAddr);
         const ssize_t iReceived =
-            recvfrom(m_Socket, m_pInputStream->GetFreeBuffer(),
-                     m_pInputStream->GetFreeBufferSize(), MSG_DONTWAIT,
-                     reinterpret_cast<sockaddr*>(&m_RemoteAddr), &iLength);
+            recvfrom(m_Socket, m_pInputStream->GetFreeBuffer(), m_pInputStream->GetFreeBufferSize(),
+                     MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&m_RemoteAddr), &iLength);
         if (iReceived > 0)
             return iReceived;
         if (iReceived < 0 && errno != EAGAIN && IsShortage(errno))

@@ -77,11 +77,11 @@ private:
     const unsigned long m_lProgId;
     int m_Socket = -1;  // set while no receive thread runs
     sockaddr_in m_RemoteAddr = {};
-    ISocketListener* m_pListener = nullptr;           // not owned
-    std::unique_ptr<CInputStream> m_pInputStream;     // owned
-    std::unique_ptr<COutputStream> m_pOutputStream;   // owned
-    std::unique_ptr<CWakePipe> m_pWakePipe;           // owned; only for UDP, see WakePipe.h
-    std::atomic<bool> m_bActive = false;              // the receive thread runs
+    ISocketListener* m_pListener = nullptr;          // not owned
+    std::unique_ptr<CInputStream> m_pInputStream;    // owned
+    std::unique_ptr<COutputStream> m_pOutputStream;  // owned
+    std::unique_ptr<CWakePipe> m_pWakePipe;          // owned; only for UDP, see WakePipe.h
+    std::atomic<bool> m_bActive = false;             // the receive thread runs
     pthread_t m_hThread = {};
     int m_iThreadCreated = -1;  // 0 if there is a thread to join
 };

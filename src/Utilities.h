@@ -135,8 +135,8 @@ public:
                             MountInfo* pInfo);
 
     // True, with the reason, if the name or else the path is published; either may be null.
-    bool IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                           const char* pcLocalPath, const char* pcExportName, char* pcReason);
+    bool IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalPath,
+                           const char* pcExportName, char* pcReason);
 
     bool IsRemoteAddrExists(const char* pcRemoteAddr);
 
@@ -195,8 +195,7 @@ public:
                           bool bWrite);
     void ReleaseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile);
 
-    void CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                               const char* pcPath);
+    void CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
 
     // Closes pcPath itself and everything below it.
     void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
@@ -246,10 +245,10 @@ public:
                       const char* pcPathTo, char* pcError);
 
     // With bRetry, an open that finds no free descriptor closes cached ones and tries once more.
-    int OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                    int iFlags, bool bRetry, char* pcError);
-    int OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                     int iFile, char* pcError);
+    int OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags,
+                    bool bRetry, char* pcError);
+    int OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile,
+                     char* pcError);
     int OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pBuffer,
                     unsigned int iLength, char* pcError);
     int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
@@ -293,8 +292,7 @@ public:
 
     CRedirectedFile* OpenRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                         long long iSize, bool bCreateInfoFile,
-                                        int iInfoFileSegmentSizeMB,
-                                        int iInfoFileCheckPointSizeMB);
+                                        int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB);
     void CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
     void CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcDirPath);
     void CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam);
@@ -324,10 +322,8 @@ private:
     const MountInfo* FindMountInfoByPath(const char* pcPathToCompare) const
         REQUIRES(m_hMutexMountInfos);
     const MountInfo* ScanMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                                         const char* pcPathToCompare)
-        REQUIRES(m_hMutexMountInfos);
-    void EraseMountInfo(std::map<std::string, MountInfo>::iterator it)
-        REQUIRES(m_hMutexMountInfos);
+                                         const char* pcPathToCompare) REQUIRES(m_hMutexMountInfos);
+    void EraseMountInfo(std::map<std::string, MountInfo>::iterator it) REQUIRES(m_hMutexMountInfos);
     void ResetFileTableIfUnused() REQUIRES(m_hMutexMountInfos);
 
     int GetCachedFileHandleLocked(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
@@ -352,8 +348,8 @@ private:
     std::unique_ptr<CFileTable> m_pFileTable GUARDED_BY(m_hMutexFileTable);  // owned
 
     CMutex m_hMutexOpenedFileHandles;
-    std::map<std::string, OpenedFileInfo, std::less<>> m_OpenedFileHandles
-        GUARDED_BY(m_hMutexOpenedFileHandles);  // by path
+    std::map<std::string, OpenedFileInfo, std::less<>>
+        m_OpenedFileHandles GUARDED_BY(m_hMutexOpenedFileHandles);  // by path
     std::map<std::string, std::string, std::less<>> m_OpenedFileLastAccessList
         GUARDED_BY(m_hMutexOpenedFileHandles);  // path by time key, so oldest first
     std::vector<FileInUse> m_vFilesInUse GUARDED_BY(m_hMutexOpenedFileHandles);

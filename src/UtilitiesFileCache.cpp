@@ -166,8 +166,7 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, Log
     int iCount = static_cast<int>(m_OpenedFileHandles.size() / 10);
     if (iCount == 0) {
         if (pRuntimeParam->IsLogFileAccess())
-            LogInfo(pRuntimeParam, "[%s] Close exceeded cached file handle: ALL",
-                    pLogArgu->pcName);
+            LogInfo(pRuntimeParam, "[%s] Close exceeded cached file handle: ALL", pLogArgu->pcName);
         CloseAllCachedFileHandlesLocked(pRuntimeParam, pLogArgu);
         return;
     }
@@ -190,9 +189,8 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, Log
 void CUtilities::CloseDroppedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                   const OpenedFileInfo& info)
 {
-    const auto it =
-        std::find_if(m_vFilesInUse.begin(), m_vFilesInUse.end(),
-                     [&info](const FileInUse& use) { return use.iFile == info.iFile; });
+    const auto it = std::find_if(m_vFilesInUse.begin(), m_vFilesInUse.end(),
+                                 [&info](const FileInUse& use) { return use.iFile == info.iFile; });
     if (it == m_vFilesInUse.end()) {
         OS_FileClose(pRuntimeParam, pLogArgu, info.sPath.c_str(), info.iFile, nullptr);
         return;

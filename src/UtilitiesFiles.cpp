@@ -13,8 +13,7 @@ long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     const CCachedFile file(this, pRuntimeParam, pLogArgu, pcPath, false);
     if (file.Get() == -1)
         return iDefault;
-    const long long iSize =
-        OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(), 0, SEEK_END, nullptr);
+    const long long iSize = OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(), 0, SEEK_END, nullptr);
     return iSize < 0 ? iDefault : iSize;
 }
 
@@ -39,11 +38,9 @@ int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
     if (file.Get() == -1 || OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(),
                                         static_cast<long long>(iSeek), iSeekType, nullptr) < 0)
         return -1;
-    const int iRead =
-        OS_FileRead(pRuntimeParam, pLogArgu, file.Get(), pBuffer, iLength, nullptr);
+    const int iRead = OS_FileRead(pRuntimeParam, pLogArgu, file.Get(), pBuffer, iLength, nullptr);
     const long long iPosition = OS_FileTell(pRuntimeParam, pLogArgu, file.Get(), nullptr);
-    const long long iEnd =
-        OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(), 0, SEEK_END, nullptr);
+    const long long iEnd = OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(), 0, SEEK_END, nullptr);
     *pbEof = iPosition >= iEnd;
     return iRead;
 }
@@ -62,17 +59,17 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
     return OS_FileWrite(pRuntimeParam, pLogArgu, file.Get(), pBuffer, iLength, nullptr);
 }
 
-bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                            const char* pcPathFrom, const char* pcPathTo)
+bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+                            const char* pcPathTo)
 {
     if (pRuntimeParam->IsLogFileAccess())
         LogInfo(pRuntimeParam, "[%s] Rename file, pathFrom=%s, pathTo=%s", pLogArgu->pcName,
                 pcPathFrom, pcPathTo);
-    // Onto itself: the file is not removed as the target that stands in its own way.
-    const bool bMove = strcmp(pcPathFrom, pcPathTo) != 0;
-    if (bMove && OS_IsFileExists(pcPathTo) && !RemoveFile(pRuntimeParam, pLogArgu, pcPathTo))
+    if (strcmp(pcPathFrom, pcPathTo) == 0)
+        return true;  // else the file would be removed as the target that stands in its own way
+    if (OS_IsFileExists(pcPathTo) && !RemoveFile(pRuntimeParam, pLogArgu, pcPathTo))
         return false;
-    if (bMove && OS_IsFileExists(pcPathFrom)) {
+    if (OS_IsFileExists(pcPathFrom)) {
         CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathFrom);
         if (OS_FileRename(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, nullptr) != 0)
             return false;
@@ -108,9 +105,9 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLo
         return true;  // owner, group and times are accepted and left as they are
 
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
-    if (bSetMode && OS_SetFileMode(pRuntimeParam, pLogArgu, pcPath, static_cast<int>(iMode),
-                                   nullptr) != 0)
+    if (bSetMode &&
+        OS_SetFileMode(pRuntimeParam, pLogArgu, pcPath, static_cast<int>(iMode), nullptr) != 0)
         return false;
-    return !bSetSize || OS_SetFileSize(pRuntimeParam, pLogArgu, pcPath,
-                                       static_cast<long long>(iSize), nullptr);
+    return !bSetSize ||
+           OS_SetFileSize(pRuntimeParam, pLogArgu, pcPath, static_cast<long long>(iSize), nullptr);
 }

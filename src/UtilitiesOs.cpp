@@ -89,8 +89,8 @@ int CUtilities::OpenFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
     if (iFile == -1) {
         const CErrorText error(this, pcError);
         if (pRuntimeParam->IsLogError())
-            LogError(pRuntimeParam, "[%s] OS open file \"%s\". Error=%s", pLogArgu->pcName,
-                     pcPath, error.Get());
+            LogError(pRuntimeParam, "[%s] OS open file \"%s\". Error=%s", pLogArgu->pcName, pcPath,
+                     error.Get());
     } else if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] OS open file \"%s\"", pLogArgu->pcName, pcPath);
     }
@@ -128,8 +128,8 @@ int CUtilities::OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, co
     if (iResult == -1) {
         const CErrorText error(this, pcError, iFile == -1);
         if (pRuntimeParam->IsLogError())
-            LogError(pRuntimeParam, "[%s] OS close file \"%s\". Error=%s", pLogArgu->pcName,
-                     pcPath, error.Get());
+            LogError(pRuntimeParam, "[%s] OS close file \"%s\". Error=%s", pLogArgu->pcName, pcPath,
+                     error.Get());
     } else if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] OS close file \"%s\"", pLogArgu->pcName, pcPath);
     }
@@ -196,8 +196,8 @@ long long CUtilities::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     return iResult;
 }
 
-int CUtilities::OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                                const char* pcPath, int iMode, char* pcError)
+int CUtilities::OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                int iMode, char* pcError)
 {
     const int iResult = mkdir(pcPath, static_cast<mode_t>(iMode));
     if (iResult == -1) {
@@ -206,14 +206,14 @@ int CUtilities::OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
             LogError(pRuntimeParam, "[%s] OS create folder \"%s\" (mode = %d). Error=%s",
                      pLogArgu->pcName, pcPath, iMode, error.Get());
     } else if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] OS create folder \"%s\" (mode = %d)", pLogArgu->pcName,
-                pcPath, iMode);
+        LogInfo(pRuntimeParam, "[%s] OS create folder \"%s\" (mode = %d)", pLogArgu->pcName, pcPath,
+                iMode);
     }
     return iResult;
 }
 
-int CUtilities::OS_FolderRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                                const char* pcPath, char* pcError)
+int CUtilities::OS_FolderRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                char* pcError)
 {
     const int iResult = rmdir(pcPath);
     if (iResult == -1) {
@@ -237,8 +237,8 @@ int CUtilities::OS_SetFileMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
             LogError(pRuntimeParam, "[%s] OS set file mode \"%s\" (mode = %d). Error=%s",
                      pLogArgu->pcName, pcPath, iMode, error.Get());
     } else if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] OS set file mode \"%s\" (mode = %d)", pLogArgu->pcName,
-                pcPath, iMode);
+        LogInfo(pRuntimeParam, "[%s] OS set file mode \"%s\" (mode = %d)", pLogArgu->pcName, pcPath,
+                iMode);
     }
     return iResult;
 }
@@ -258,8 +258,8 @@ int CUtilities::OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
     return iResult;
 }
 
-bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                                const char* pcPath, long long iSize, char* pcError)
+bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                long long iSize, char* pcError)
 {
     const CAutoFd file(open(pcPath, O_RDWR | O_CREAT | O_CLOEXEC, 0755));
     struct stat info = {};

@@ -46,8 +46,8 @@ int CUtilities::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
     return iCount;
 }
 
-void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost,
-                                const char* pcPort, const char* pcUser, const char* pcPwd)
+void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
+                                const char* pcUser, const char* pcPwd)
 {
     const CMutexLock lock(m_hMutexVSphereInfos);
     m_VSphereInfos[pcDatastoreMoid] = {pcDatastoreMoid, pcHost, pcPort, pcUser, pcPwd};

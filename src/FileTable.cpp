@@ -10,10 +10,11 @@ CFileTable::~CFileTable()
 
 void CFileTable::Clear()
 {
-    m_mIDsByPath.clear();  // before the entries that hold its keys
+    m_mIDByPath.clear();  // before the entries that hold its keys
+    m_mTwins.clear();
     m_vvTable.clear();
     m_vCache.clear();
-    m_vIsCached.clear();
+    m_vFound.clear();
 }
 
 unsigned int CFileTable::GetIDByPath(const char* pcPath)
@@ -45,11 +46,9 @@ bool CFileTable::UpdateItemPath(const char* pcOldPath, const char* pcNewPath)
     if (pItem == nullptr)
         return false;
 
-    const auto [first, last] = m_mIDsByPath.equal_range(pItem->sPath);
-    m_mIDsByPath.erase(std::find_if(
-        first, last, [pItem](const auto& entry) { return entry.second == pItem->iID; }));
+    RemoveFromIndex(pItem);
     pItem->sPath = pcNewPath;
-    m_mIDsByPath.emplace(pItem->sPath, pItem->iID);
+    AddToIndex(pItem);
     return true;
 }
 
@@ -66,8 +65,8 @@ FileItem* CFileTable::AddItem(const char* pcPath)
     FileItem* pItem = &vBlock.back();
     pItem->iID = (static_cast<unsigned int>(m_vvTable.size() - 1) << SLOT_BITS) +
                  static_cast<unsigned int>(vBlock.size() - 1);
-    m_mIDsByPath.emplace(pItem->sPath, pItem->iID);
-    m_vIsCached.push_back(false);
+    m_vFound.push_back(0);
+    AddToIndex(pItem);
     return pItem;
 }
 
@@ -77,42 +76,77 @@ FileItem* CFileTable::FindItemByPath(const char* pcPath)
 {
     if (pcPath == nullptr)
         return nullptr;
-    const auto [first, last] = m_mIDsByPath.equal_range(pcPath);
-    if (first == last)
+    const auto it = m_mIDByPath.find(pcPath);
+    if (it == m_mIDByPath.end())
         return nullptr;
+    if (!m_mTwins.empty()) {
+        const auto twins = m_mTwins.find(std::string_view(pcPath));
+        if (twins != m_mTwins.end() && !twins->second.found.empty())
+            return GetItemByID(twins->second.found.begin()->second);
+    }
+    if (m_vFound[it->second] == 0)
+        RememberFoundID(it->second);
+    return GetItemByID(it->second);
+}
 
-    unsigned int iLowestID = NO_FILE_ID;
-    unsigned int iCachedID = NO_FILE_ID;
-    int iCachedCount = 0;
-    for (auto it = first; it != last; ++it) {
-        iLowestID = std::min(iLowestID, it->second);
-        if (m_vIsCached[it->second]) {
-            iCachedID = it->second;
-            iCachedCount++;
-        }
+void CFileTable::AddToIndex(const FileItem* pItem)
+{
+    const auto [it, bNew] = m_mIDByPath.try_emplace(pItem->sPath, pItem->iID);
+    if (bNew)
+        return;
+    Twins& twins = m_mTwins[pItem->sPath];
+    for (const unsigned int iID : {it->second, pItem->iID}) {
+        twins.ids.insert(iID);
+        if (m_vFound[iID] != 0)
+            twins.found.emplace(m_vFound[iID], iID);
     }
-    if (iCachedCount > 1) {  // several entries of one path: the oldest in the list is met first
-        const size_t iLength = strlen(pcPath);
-        iCachedID = *std::find_if(m_vCache.begin(), m_vCache.end(), [&](unsigned int iID) {
-            return IsMatchItem(GetItemByID(iID), pcPath, iLength);
-        });
+    if (pItem->iID < it->second) {
+        auto node = m_mIDByPath.extract(it);
+        node.key() = pItem->sPath;
+        node.mapped() = pItem->iID;
+        m_mIDByPath.insert(std::move(node));
     }
-    if (iCachedCount > 0)
-        return GetItemByID(iCachedID);
-    RememberFoundID(iLowestID);
-    return GetItemByID(iLowestID);
+}
+
+void CFileTable::RemoveFromIndex(const FileItem* pItem)
+{
+    auto node = m_mIDByPath.extract(pItem->sPath);
+    const auto it = m_mTwins.find(pItem->sPath);
+    if (it == m_mTwins.end())
+        return;
+    Twins& twins = it->second;
+    twins.ids.erase(pItem->iID);
+    twins.found.erase({m_vFound[pItem->iID], pItem->iID});
+    const FileItem* pLowest = GetItemByID(*twins.ids.begin());
+    node.key() = pLowest->sPath;
+    node.mapped() = pLowest->iID;
+    m_mIDByPath.insert(std::move(node));
+    if (twins.ids.size() == 1)
+        m_mTwins.erase(it);
 }
 
 void CFileTable::RememberFoundID(unsigned int iID)
 {
     if (m_vCache.size() >= CACHE_SIZE) {
         const auto end = m_vCache.begin() + static_cast<std::ptrdiff_t>(m_vCache.size() / 10);
-        std::for_each(m_vCache.begin(), end,
-                      [this](unsigned int iOld) { m_vIsCached[iOld] = false; });
+        std::for_each(m_vCache.begin(), end, [this](unsigned int iOld) { SetFound(iOld, 0); });
         m_vCache.erase(m_vCache.begin(), end);  // a tenth at once, not one with every new ID
     }
     m_vCache.push_back(iID);
-    m_vIsCached[iID] = true;
+    SetFound(iID, ++m_iFinds);
+}
+
+void CFileTable::SetFound(unsigned int iID, unsigned long long iFound)
+{
+    if (!m_mTwins.empty()) {
+        const auto it = m_mTwins.find(GetItemByID(iID)->sPath);
+        if (it != m_mTwins.end()) {
+            it->second.found.erase({m_vFound[iID], iID});
+            if (iFound != 0)
+                it->second.found.emplace(iFound, iID);
+        }
+    }
+    m_vFound[iID] = iFound;
 }
 
 FileItem* CFileTable::GetItemByID(unsigned int iID)

@@ -2,9 +2,12 @@
 #pragma once
 
 #include <cstddef>
+#include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 constexpr unsigned int NO_FILE_ID = 0xFFFFFFFF;  // never the ID of a file
@@ -55,13 +58,24 @@ private:
     static constexpr size_t BLOCK_SIZE = size_t{1} << SLOT_BITS;  // entries
     static constexpr size_t CACHE_SIZE = 1024;                    // IDs
 
+    // The entries of a path that has several: only renames onto a known path make these.
+    struct Twins {
+        std::set<unsigned int> ids;
+        std::set<std::pair<unsigned long long, unsigned int>> found;  // those in m_vCache, by age
+    };
+
+    void AddToIndex(const FileItem* pItem);
+    void RemoveFromIndex(const FileItem* pItem);  // the entry is still under its old path
     void RememberFoundID(unsigned int iID);
+    void SetFound(unsigned int iID, unsigned long long iFound);
 
     std::vector<std::vector<FileItem>> m_vvTable;  // blocks of 1024; only the last one grows
     std::vector<unsigned int> m_vCache;            // recently found IDs, oldest first
 
-    // Both stand for a scan and yield what it would: the IDs of each path (several only after a
-    // rename onto a known path; the keys lie in the entries), and whether an ID is in m_vCache.
-    std::unordered_multimap<std::string_view, unsigned int> m_mIDsByPath;
-    std::vector<bool> m_vIsCached;
+    // These stand for a scan of m_vCache and the blocks, and yield what it would.
+    std::unordered_map<std::string_view, unsigned int> m_mIDByPath;  // the lowest ID of each path;
+                                                                     // keys lie in its entry
+    std::map<std::string, Twins, std::less<>> m_mTwins;              // by path
+    std::vector<unsigned long long> m_vFound;  // by ID: grows with the place in m_vCache, else 0
+    unsigned long long m_iFinds = 0;           // IDs that ever entered m_vCache
 };

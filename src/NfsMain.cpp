@@ -271,7 +271,7 @@ int CNfsMain::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
 
 void CNfsMain::RunTestMode(const char* pcPath, long long iFileSize)
 {
-    return RunTestMode(m_pRuntimeParam.get(), pcPath, iFileSize);
+    RunTestMode(m_pRuntimeParam.get(), pcPath, iFileSize);
 }
 
 void CNfsMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, long long iFileSize)

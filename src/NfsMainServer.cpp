@@ -1,6 +1,8 @@
 // Starting and stopping the server.
 #include "NfsMain.h"
 
+#include <utility>
+
 #include "DatagramSocket.h"
 #include "MountProg.h"
 #include "NfsProg.h"

@@ -277,7 +277,8 @@ void CRpcServer::LogHeader(CRuntimeParam* pRuntimeParam, int iSocketType,
 }
 
 // Writes the accept state and has the program write its results behind it. A header that was cut
-// short still goes to its program, which meets the end itself.
+// short still goes to its program, which meets the end itself: there are no arguments behind such a
+// header, and what is left of it must not be taken for some.
 int CRpcServer::CallProgram(CRuntimeParam* pRuntimeParam, const RPC_STM_HEADER& header, int iResult,
                             CInputStream* pIn, COutputStream* pOut, const char* pcRemoteAddr)
 {
@@ -293,7 +294,13 @@ int CRpcServer::CallProgram(CRuntimeParam* pRuntimeParam, const RPC_STM_HEADER& 
     const int iState = static_cast<int>(pOut->GetBufferIndex());
     pOut->Write(SUCCESS);
     ProcessParam param = {header.lVers, header.lProc, pcRemoteAddr, pRuntimeParam};
+    const bool bShort = iResult == PRC_TRUNCATED;
+    const unsigned int iStop = pIn->GetBufferIndex();
+    if (bShort)
+        pIn->Skip(pIn->GetFilledBufferSize());
     iResult = pProg->Process(pIn, pOut, &param);
+    if (bShort && iResult == PRC_TRUNCATED)
+        pIn->SetBufferIndex(iStop);
     if (iResult == PRC_NOTIMP || iResult == PRC_FAIL) {
         pOut->Seek(iState, 0);
         pOut->Write(iResult == PRC_NOTIMP ? PROC_UNAVAIL : GARBAGE_ARGS);

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <pthread.h>
 #include <string>
+#include <sys/types.h>
 
 #include "InputStream.h"
 #include "OutputStream.h"

@@ -1,15 +1,14 @@
 #include "ConsoleUtilities.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
-#include <fcntl.h>
 #include <memory>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include "NfsMain.h"
+#include "Pause.h"
 #include "Text.h"
 
 namespace {
@@ -52,28 +51,21 @@ bool TakesValue(const std::string& sLine, const char* pcKeyword, std::string* ps
     return true;
 }
 
-// The next line of standard input without its newline; what exceeds the buffer is dropped.
+// The next line of standard input without its newline; what exceeds a path's size is dropped.
 std::string ReadLine()
 {
-    char cLine[PATH_SIZE] = "";
-    if (fgets(cLine, sizeof(cLine), stdin) == nullptr)
-        return "";
-    std::string sLine = cLine;
-    if (!sLine.empty() && sLine.back() == '\n') {
-        sLine.pop_back();
-        return sLine;
+    std::string sLine;
+    for (int iNext = getchar(); iNext != '\n' && iNext != EOF; iNext = getchar()) {
+        if (sLine.length() + 1 < PATH_SIZE)
+            sLine.push_back(static_cast<char>(iNext));
     }
-    int iNext = 0;
-    do {
-        iNext = getchar();
-    } while (iNext != '\n' && iNext != EOF);
     return sLine;
 }
 
-// Standard input as IsKeyboardHit needs it, and as it was afterwards.
+// A terminal that yields each key as it is typed, and as it was afterwards.
 class CRawInput {
 public:
-    CRawInput() : m_iFlags(fcntl(STDIN_FILENO, F_GETFL))
+    CRawInput()
     {
         m_bTerminal = tcgetattr(STDIN_FILENO, &m_Settings) == 0;
         if (m_bTerminal) {
@@ -81,15 +73,11 @@ public:
             raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
             tcsetattr(STDIN_FILENO, TCSANOW, &raw);
         }
-        if (m_iFlags != -1)
-            fcntl(STDIN_FILENO, F_SETFL, m_iFlags | O_NONBLOCK);
     }
     ~CRawInput()
     {
         if (m_bTerminal)
             tcsetattr(STDIN_FILENO, TCSANOW, &m_Settings);
-        if (m_iFlags != -1)
-            fcntl(STDIN_FILENO, F_SETFL, m_iFlags);
     }
     CRawInput(const CRawInput&) = delete;
     CRawInput& operator=(const CRawInput&) = delete;
@@ -97,7 +85,6 @@ public:
 private:
     struct termios m_Settings = {};
     bool m_bTerminal = false;
-    int m_iFlags;
 };
 
 }  // namespace
@@ -122,11 +109,10 @@ int CConsoleUtilities::Run(const char*, const char* pcArguments)
 // value like the others, and both are passed over; one without its value ends the list.
 bool CConsoleUtilities::ParseArguments(const std::vector<std::string>& vWords, Settings* pSettings)
 {
-    for (size_t i = 0; i + 1 < vWords.size(); i += 2) {
+    const size_t iWords = vWords.size() - 1;  // what stands behind the last newline is none
+    for (size_t i = 0; i + 1 < iWords; i += 2) {
         const std::string& sOption = vWords[i];
         const std::string& sValue = vWords[i + 1];
-        if (i + 2 == vWords.size())
-            return true;  // what stands behind the last newline is no word
         if (sOption == OPTION_ID) {
             pSettings->sID = sValue;
         } else if (sOption == OPTION_LOG) {
@@ -173,7 +159,7 @@ void CConsoleUtilities::PrintVersion(CNfsMain* pMain)
     pMain->GetVersion(cVersion);
     pMain->GetDescription(cDescription);
     PrintText("%s", RULER);
-    PrintText("%s %s\n", "Execute Version:", "1.2");
+    PrintText("%s %s\n", "Execute Version:", LIBRARY_VERSION);
     PrintText("%s %s\n", "Server Version:", cVersion);
     PrintText("%s %s\n", "Server Description:", cDescription);
     PrintText("%s", RULER);
@@ -182,6 +168,7 @@ void CConsoleUtilities::PrintVersion(CNfsMain* pMain)
 void CConsoleUtilities::RunCommands(CNfsMain* pMain)
 {
     Loop loop;
+    setvbuf(stdin, nullptr, _IONBF, 0);  // so that poll knows of all that is not read yet
     PrintText("Type '%s' to see help\n", COMMAND_HELP);
     PrintPrompt();
     while (!loop.bQuit) {
@@ -202,19 +189,19 @@ bool CConsoleUtilities::IsKeyboardHit(Loop* pLoop)
     if (pLoop->bEndOfInput)
         return false;
     const CRawInput raw;
-    clearerr(stdin);
+    // Asked for rather than read without blocking: on a terminal that mode would hold for standard
+    // output too, and lines that other threads print meanwhile would be lost.
+    struct pollfd input = {STDIN_FILENO, POLLIN, 0};
+    if (poll(&input, 1, 0) != 1)
+        return false;
     const int iKey = getchar();
-    if (iKey != EOF)
-        return ungetc(iKey, stdin) != EOF;
-    pLoop->bEndOfInput = feof(stdin) != 0;
-    return false;
+    pLoop->bEndOfInput = iKey == EOF;
+    return iKey != EOF && ungetc(iKey, stdin) != EOF;
 }
 
 void CConsoleUtilities::MsSleep(int iMilliseconds)
 {
-    struct timespec rest = {iMilliseconds / 1000, iMilliseconds % 1000 * 1000000L};
-    while (nanosleep(&rest, &rest) == -1 && errno == EINTR)
-        ;
+    Pause(iMilliseconds);
 }
 
 bool CConsoleUtilities::ProcessCommand(CNfsMain* pMain, const std::string& sLine, Loop* pLoop)
@@ -292,7 +279,8 @@ bool CConsoleUtilities::Mount(CNfsMain* pMain, const std::string& sValue)
 {
     const std::vector<std::string> vParts = SplitIntoVector(sValue.c_str(), '=');
     char cReason[REASON_SIZE] = "";
-    if (vParts.size() != 2)
+    // No path is a bad value too: it would publish everything.
+    if (vParts.size() != 2 || vParts[0].empty())
         PrintText("Fail to add mount point to NFS. Reason=In-valid input value: %s\n",
                   sValue.c_str());
     else if (!pMain->AddMountPoint(vParts[0].c_str(), vParts[1].c_str(), cReason))

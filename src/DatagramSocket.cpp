@@ -24,11 +24,7 @@ bool CDatagramSocket::Open(unsigned long lProgId, int iPort, CUtilities* pUtilit
         FormatReason(pcReason, "Fail to create datagram socket. %s", cError);
         return false;
     }
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    address.sin_port = htons(static_cast<in_port_t>(iPort));
-    if (bind(endpoint.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    if (!BindToPort(endpoint.Get(), iPort)) {
         pUtilities->GetLastErrorText(cError, errno);
         FormatReason(pcReason, "Fail to bind datagram socket. %s", cError);
         return false;

@@ -29,6 +29,13 @@ void CExportIndex::Remove(const std::string& sLocalMountPath, const std::string&
         m_NamesByPath.erase(it);
 }
 
+const std::set<std::string>& CExportIndex::GetNames(const std::string& sLocalMountPath) const
+{
+    static const std::set<std::string> none;
+    const auto it = m_NamesByPath.find(GetKey(sLocalMountPath));
+    return it == m_NamesByPath.end() ? none : it->second;
+}
+
 const std::string* CExportIndex::Find(std::string_view sPathToCompare) const
 {
     const std::string* pName = nullptr;

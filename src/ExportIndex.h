@@ -20,6 +20,9 @@ public:
     // SetPathToCompare; null if there is none. Good until the next change.
     const std::string* Find(std::string_view sPathToCompare) const;
 
+    // The names of the exports whose path is this one, a "/" at its end apart, in their order.
+    const std::set<std::string>& GetNames(const std::string& sLocalMountPath) const;
+
 private:
     // Names by local path with its closing "/". The empty path holds every path.
     std::map<std::string, std::set<std::string>, std::less<>> m_NamesByPath;

@@ -100,6 +100,8 @@ bool CFileLogger::LogMessage(const char* pcLevel, const char* pcText)
     const int iWanted =
         pcLevel[0] != '\0' ? snprintf(cLine, sizeof(cLine), "[%s][%s] %s\n", cTime, pcLevel, pcText)
                            : snprintf(cLine, sizeof(cLine), "[%s] %s\n", cTime, pcText);
+    if (iWanted <= 0)
+        return false;
     const size_t iLength = std::min(static_cast<size_t>(iWanted), LINE_SIZE);
     cLine[iLength - 1] = '\n';  // also where the text was cut
 
@@ -119,7 +121,10 @@ bool CFileLogger::Rotate()
     std::string sRotated;
     do {
         char cName[PATH_SIZE];
-        snprintf(cName, sizeof(cName), "%s.%d", m_LogFile.c_str(), m_iLastLogIndex);
+        const int iLength =
+            snprintf(cName, sizeof(cName), "%s.%d", m_LogFile.c_str(), m_iLastLogIndex);
+        if (iLength >= static_cast<int>(sizeof(cName)))
+            return false;  // no number fits behind this path
         sRotated = cName;
         m_iLastLogIndex++;
     } while (m_pUtilities->OS_IsFileExists(sRotated.c_str()));

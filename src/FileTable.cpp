@@ -65,7 +65,7 @@ FileItem* CFileTable::AddItem(const char* pcPath)
     FileItem* pItem = &vBlock.back();
     pItem->iID = (static_cast<unsigned int>(m_vvTable.size() - 1) << SLOT_BITS) +
                  static_cast<unsigned int>(vBlock.size() - 1);
-    m_vFound.push_back(0);
+    m_vFound.resize(size_t{pItem->iID} + 1);
     AddToIndex(pItem);
     return pItem;
 }

@@ -3,13 +3,31 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/resource.h>
 
 #include "ConsoleUtilities.h"
 #include "Text.h"
 
+namespace {
+
+// No client and no reader of our output may end the server, and the descriptor cache gets all the
+// room that the system allows.
+void PrepareProcess()
+{
+    signal(SIGPIPE, SIG_IGN);  // whoever reads our output has gone
+    signal(SIGXFSZ, SIG_IGN);  // a client wrote past the limit for files: the write fails
+    struct rlimit files = {};
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
+}
+
+}  // namespace
+
 int main(int iCount, char** ppcArguments)
 {
-    signal(SIGPIPE, SIG_IGN);  // whoever stops reading our output does not stop the server
+    PrepareProcess();
 
     const char* pcProgram = iCount > 0 ? ppcArguments[0] : "";
     const char* pcLast = strrchr(pcProgram, '\\');  // kept: a slash is not looked for

@@ -7,6 +7,8 @@
 
 class COpaquePath;
 
+constexpr unsigned long MOUNT_V3 = 3;  // the version that is announced
+
 enum MountProcedure : unsigned int {
     MOUNTPROC_NULL = 0,
     MOUNTPROC_MNT = 1,

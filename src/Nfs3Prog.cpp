@@ -24,7 +24,7 @@ const CNfs3Prog::PPROC CNfs3Prog::PROCEDURES[] = {
 
 CNfs3Prog::CNfs3Prog(CUtilities* pUtilities)
     : CRpcProg(pUtilities),
-      m_iSysUpTime(pUtilities->GetCurrentSystemTimeInMilliseconds()),
+      m_iSysUpTime(pUtilities == nullptr ? 0 : pUtilities->GetCurrentSystemTimeInMilliseconds()),
       m_iFSF3Properties(FSF3_HOMOGENEOUS | FSF3_CANSETTIME)
 {
 }
@@ -129,15 +129,14 @@ bool CNfs3Prog::IsInVaildDirName(const char* pcName)
 nfsstat3 CNfs3Prog::CheckProcessParam(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                       const char* pcPath)
 {
-    static thread_local MountInfo info;  // its texts keep their room: a call allocates nothing
     if (pcPath == nullptr ||
-        !m_pUtilities->GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, &info)) {
+        !m_pUtilities->GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, &m_Export)) {
         if (pRuntimeParam->IsLogError())
             m_pUtilities->LogError(pRuntimeParam, "[%s] Path record not found", pLogArgu->pcName);
         return NFS3ERR_IO;
     }
-    pRuntimeParam->SetID(info.sExportName.c_str());
-    pRuntimeParam->SetIpcID(info.sIcpID.c_str());
+    pRuntimeParam->SetID(m_Export.sExportName.c_str());
+    pRuntimeParam->SetIpcID(m_Export.sIcpID.c_str());
     return NFS3_OK;
 }
 

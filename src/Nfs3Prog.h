@@ -4,6 +4,7 @@
 #include <cstddef>
 
 #include "LogArgu.h"
+#include "MountInfo.h"
 #include "Nfs3Types.h"
 #include "RpcProg.h"
 #include "RuntimeParam.h"
@@ -117,4 +118,7 @@ private:
     const unsigned long long m_iSysUpTime;  // milliseconds since 1970; the write verifier
     const unsigned int m_iFSF3Properties;   // FileSystemProperty bits
     bool m_bReadOnly = false;               // refuse changes
+
+    // Of the call in hand. A member, so that its texts keep their room and no call allocates.
+    MountInfo m_Export;
 };

@@ -192,11 +192,11 @@ nfsstat3 CNfs3Prog::SetAttributes(ProcedureCall* pCall, const char* pcPath,
     }
     if (m_pUtilities->UpdateFileAttributes(
             pCall->m_pRuntimeParam, &pCall->m_LogArgu, pcPath, attributes.mode.set_it,
-            ConvertNfsFileModeToFileMode(attributes.mode.value), attributes.uid.set_it,
-            attributes.uid.value, attributes.gid.set_it, attributes.gid.value,
-            attributes.size.set_it, attributes.size.value, bSetAtime,
-            attributes.atime.value.seconds, attributes.atime.value.nseconds, bSetMtime,
-            attributes.mtime.value.seconds, attributes.mtime.value.nseconds))
+            attributes.mode.value, attributes.uid.set_it, attributes.uid.value,
+            attributes.gid.set_it, attributes.gid.value, attributes.size.set_it,
+            attributes.size.value, bSetAtime, attributes.atime.value.seconds,
+            attributes.atime.value.nseconds, bSetMtime, attributes.mtime.value.seconds,
+            attributes.mtime.value.nseconds))
         return NFS3_OK;
     if (pCall->m_pRuntimeParam->IsLogError())
         m_pUtilities->LogError(pCall->m_pRuntimeParam, "[%s] Update file attribute to %s fail",

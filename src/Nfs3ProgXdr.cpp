@@ -49,12 +49,7 @@ void Read(CInputStream* pIn, COpaquePath* pPath, bool bSkip)
     Read(pIn, &data);
     if (bSkip)
         return;
-    char cPath[PATH_SIZE] = "";
-    if (data.iBufLen < sizeof(cPath)) {
-        memcpy(cPath, data.pBuf, data.iBufLen);
-        cPath[data.iBufLen] = '\0';
-    }
-    pPath->Set(cPath);
+    pPath->Set(data.pBuf, data.iBufLen < PATH_SIZE ? data.iBufLen : 0);
 }
 
 namespace {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 constexpr unsigned int NFS_V3 = 3;
@@ -126,6 +127,13 @@ class COpaquePath {
 public:
     const char* Get() const { return m_sPath.c_str(); }
     void Set(const char* pcPath) { m_sPath = pcPath; }
+
+    // Takes iLength bytes, or those before the first zero among them.
+    void Set(const unsigned char* pcPath, unsigned int iLength)
+    {
+        const auto* pcText = reinterpret_cast<const char*>(pcPath);
+        m_sPath.assign(pcText, strnlen(pcText, iLength));
+    }
 
 private:
     std::string m_sPath;

@@ -101,7 +101,7 @@ int CNfsMain::GetAccessMode()
 
 void CNfsMain::GetVersion(char* pcOut)
 {
-    CopyText(pcOut, DESCRIPTION_SIZE, "1.2");
+    CopyText(pcOut, DESCRIPTION_SIZE, LIBRARY_VERSION);
 }
 
 void CNfsMain::GetDescription(char* pcOut)

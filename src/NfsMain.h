@@ -7,6 +7,7 @@
 
 #include "LogArgu.h"
 #include "Mutex.h"
+#include "Portmap.h"
 #include "RuntimeParam.h"
 
 class CCallback;
@@ -14,14 +15,12 @@ class CDatagramSocket;
 class CFileLogger;
 class CMountProg;
 class CNfsProg;
-class CPortmap;
 class CPortmapProg;
 class CRedirectedFile;
 class CRpcServer;
 class CServerSocket;
 class CUtilities;
 
-constexpr int PORTMAP_PORT = 111;
 constexpr int MOUNT_PORT = 1058;  // one higher beside an external port mapper, as NFS_PORT
 constexpr int NFS_PORT = 2049;
 
@@ -29,6 +28,7 @@ constexpr int PROG_PORTMAP = 100000;
 constexpr int PROG_NFS = 100003;
 constexpr int PROG_MOUNT = 100005;
 
+constexpr char LIBRARY_VERSION[] = "1.2";
 constexpr size_t DESCRIPTION_SIZE = 256;  // bytes of the buffers of GetVersion and GetDescription
 
 enum AccessMode : int {
@@ -183,6 +183,7 @@ private:
     std::unique_ptr<CUtilities> m_pUtilities;        // owned
 
     CMutex m_hMutexServer;  // starting and stopping; held for their whole run
+    bool m_bStartFailed GUARDED_BY(m_hMutexServer) = false;  // and what it left is not gone yet
     std::unique_ptr<CMountProg> m_pMountProg GUARDED_BY(m_hMutexServer);  // owned, as all below
     SocketHandle m_Sockets[SOCKETS_COUNT] GUARDED_BY(m_hMutexServer);
     std::unique_ptr<CPortmapProg> m_pPortmapProg GUARDED_BY(m_hMutexServer);  // if internal

@@ -5,6 +5,7 @@
 
 #include "DatagramSocket.h"
 #include "MountProg.h"
+#include "Nfs3Types.h"
 #include "NfsProg.h"
 #include "Portmap.h"
 #include "PortmapProg.h"
@@ -24,24 +25,28 @@ constexpr int NFS_CONNECTIONS = 10;     // at a time
 bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUid, unsigned int iGid,
                            bool bReadOnly, char* pcReason)
 {
-    bool bStarted = false;
     {
         const CMutexLock lock(m_hMutexServer);
-        if (m_bServerRunning) {  // what it serves must not be lost to a second start
+        // What is served must not be lost to a second start, nor one start to another's failure.
+        if (m_bServerRunning || m_bStartFailed) {
             FormatReason(pcReason, "NFS already running");
             return false;
         }
-        bStarted = StartAll(iMountPort, iNfsPort, iUid, iGid, bReadOnly, pcReason);
-        m_bServerRunning = bStarted;
+        m_bServerRunning = StartAll(iMountPort, iNfsPort, iUid, iGid, bReadOnly, pcReason);
+        if (m_bServerRunning)
+            return true;
+        m_bStartFailed = true;
     }
-    if (!bStarted)
-        StopServer();
-    return bStarted;
+    StopServer();
+    const CMutexLock lock(m_hMutexServer);
+    m_bStartFailed = false;
+    return false;
 }
 
 bool CNfsMain::StartAll(int iMountPort, int iNfsPort, unsigned int iUid, unsigned int iGid,
                         bool bReadOnly, char* pcReason)
 {
+    StopAll();  // what a start that threw has left
     CreatePrograms();
     SetLogControl(m_pRuntimeParam->GetLogControl());
 
@@ -157,13 +162,13 @@ bool CNfsMain::RegisterPrograms()
 {
     char cReason[REASON_SIZE] = "";
     const bool bNfs =
-        m_pPortmap->Register(PROG_NFS, 3, m_Sockets[SOCKETS_NFS].pServerSocket.get(), cReason);
+        m_pPortmap->Register(PROG_NFS, NFS_V3, m_Sockets[SOCKETS_NFS].pServerSocket.get(), cReason);
     if (!bNfs && HasFileLogger())
         m_pUtilities->LogError(m_pRuntimeParam.get(),
                                "Fail to register NFS daemon to external portmapper. Reason=%s",
                                cReason);
-    const bool bMount =
-        m_pPortmap->Register(PROG_MOUNT, 3, m_Sockets[SOCKETS_MOUNT].pServerSocket.get(), cReason);
+    const bool bMount = m_pPortmap->Register(PROG_MOUNT, MOUNT_V3,
+                                             m_Sockets[SOCKETS_MOUNT].pServerSocket.get(), cReason);
     if (!bMount && HasFileLogger())
         m_pUtilities->LogError(m_pRuntimeParam.get(),
                                "Fail to register Mount daemon to external portmapper. Reason=%s",
@@ -193,8 +198,8 @@ void CNfsMain::StopAll()
     m_pMountProg.reset();
     m_pPortmapProg.reset();
     if (m_pPortmap != nullptr && m_pPortmap->IsRunning()) {
-        m_pPortmap->Unregister(PROG_NFS, 3, nullptr);
-        m_pPortmap->Unregister(PROG_MOUNT, 3, nullptr);
+        m_pPortmap->Unregister(PROG_NFS, NFS_V3, nullptr);
+        m_pPortmap->Unregister(PROG_MOUNT, MOUNT_V3, nullptr);
     }
     m_pPortmap.reset();
     m_pNfsProg.reset();

@@ -4,8 +4,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <sys/mount.h>
 #include <sys/param.h>
+
+#include <sys/mount.h>  // needs the one above
 
 namespace Platform {
 

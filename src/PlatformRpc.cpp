@@ -2,10 +2,13 @@
 #include "Platform.h"
 
 #include <fcntl.h>
+#include <netconfig.h>
 #include <netinet/in.h>
-#include <rpc/pmap_clnt.h>
-#include <rpc/rpc.h>
 #include <unistd.h>
+
+#include <rpc/rpc.h>  // before what belongs to it
+
+#include <rpc/pmap_clnt.h>
 
 namespace Platform {
 
@@ -38,13 +41,19 @@ CRpcTransport::~CRpcTransport()
 
 bool CRpcTransport::Register(unsigned long iProg, unsigned long iVers)
 {
-    return svc_register(static_cast<SVCXPRT*>(m_pTransport), iProg, iVers, IgnoreRequest,
-                        m_iProtocol);
+    // Not svc_register: libtirpc's loses the memory of an address at each call.
+    struct netconfig* pNetwork = getnetconfigent(m_iProtocol == IPPROTO_UDP ? "udp" : "tcp");
+    if (pNetwork == nullptr)
+        return false;
+    const bool bDone = svc_reg(static_cast<SVCXPRT*>(m_pTransport), static_cast<rpcprog_t>(iProg),
+                               static_cast<rpcvers_t>(iVers), IgnoreRequest, pNetwork);
+    freenetconfigent(pNetwork);
+    return bDone;
 }
 
 void UnregisterRpcService(unsigned long iProg, unsigned long iVers)
 {
-    svc_unregister(iProg, iVers);
+    svc_unreg(static_cast<rpcprog_t>(iProg), static_cast<rpcvers_t>(iVers));
 }
 
 bool UnsetRpcMapping(unsigned long iProg, unsigned long iVers)

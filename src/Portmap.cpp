@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "AutoFd.h"
 #include "Platform.h"
@@ -12,7 +13,6 @@
 
 namespace {
 
-constexpr long PORTMAPPER_PORT = 111;
 constexpr int NO_SOCKET = -1;  // results of CreateSocket
 constexpr int NO_PORT = -2;
 
@@ -28,14 +28,14 @@ bool CPortmap::IsRunning(bool bProbe)
 {
     if (!bProbe)
         return bIsRunning;
-    const int iSocket = CreateSocket(PORTMAPPER_PORT, nullptr);
+    const int iSocket = CreateSocket(PORTMAP_PORT, nullptr);
     if (iSocket >= 0)
-        const CAutoFd closer(iSocket);
+        close(iSocket);
     if (iSocket != NO_PORT)
         return false;
     if (m_pRuntimeParam->IsLogPortmap())
         m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Port %ld is already in used",
-                              "Portmap.IsRunning", PORTMAPPER_PORT);
+                              "Portmap.IsRunning", static_cast<long>(PORTMAP_PORT));
     return true;
 }
 
@@ -47,12 +47,8 @@ int CPortmap::CreateSocket(unsigned long lPort, char* pcReason)
         return NO_SOCKET;
     }
     const int iReuse = 1;
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    address.sin_port = htons(static_cast<in_port_t>(lPort));
     if (setsockopt(endpoint.Get(), SOL_SOCKET, SO_REUSEADDR, &iReuse, sizeof(iReuse)) != 0 ||
-        bind(endpoint.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        !BindToPort(endpoint.Get(), static_cast<int>(lPort))) {
         FormatReason(pcReason, "Error binding socket with port %lu", lPort);
         return NO_PORT;
     }
@@ -78,14 +74,13 @@ bool CPortmap::Register(unsigned long lProg, unsigned long lVers, int iSocket, u
     char cError[REASON_SIZE] = "";
     CAutoFd own;
     if (iSocket == 0) {
-        own.Reset(CreateSocket(lPort, cError));
-        if (own.Get() < 0) {
-            own.Release();
+        iSocket = CreateSocket(lPort, cError);
+        if (iSocket < 0) {
             FormatReason(pcReason, "Fail to opening register socket for port %lu. Reason=%s", lPort,
                          cError);
             return false;
         }
-        iSocket = own.Get();
+        own.Reset(iSocket);
     }
     if (RegisterSvc(static_cast<long>(lProg), static_cast<long>(lVers), iSocket, cError))
         return true;

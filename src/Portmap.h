@@ -1,6 +1,8 @@
 // The link to a port mapper that this machine runs itself.
 #pragma once
 
+constexpr int PORTMAP_PORT = 111;
+
 class CRuntimeParam;
 class CServerSocket;
 class CUtilities;

@@ -3,7 +3,7 @@
 #include "DataException.h"
 #include "InputStream.h"
 #include "OutputStream.h"
-#include "RpcServer.h"
+#include "RuntimeParam.h"
 #include "Utilities.h"
 
 void CPortmapProg::Set(unsigned long lProg, unsigned long lPort)
@@ -34,7 +34,7 @@ int CPortmapProg::ProcedureGETPORT(CInputStream* pIn, COutputStream* pOut, Proce
     const unsigned int iIndex = lProg - FIRST_PROGRAM;
     const unsigned long lPort = iIndex < m_lPortTable.size() ? m_lPortTable[iIndex] : 0;
     pOut->Write(static_cast<unsigned int>(lPort));
-    if (pParam->pRuntimeParam->IsLogProcFuncArgu())
+    if (m_pUtilities != nullptr && pParam->pRuntimeParam->IsLogProcFuncArgu())
         m_pUtilities->LogInfo(pParam->pRuntimeParam, "[%s] lProg = %d, lPort = %d",
                               "PortmapProg.ProcedureGETPORT", static_cast<int>(lProg),
                               static_cast<int>(lPort));

@@ -31,5 +31,6 @@ private:
     int ProcedureGETPORT(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
     int ProcedureNOIMP(ProcessParam* pParam);
 
-    std::array<unsigned long, 10> m_lPortTable = {};  // by program number - 100000; 0 for none
+    std::array<unsigned long, PROGRAM_COUNT> m_lPortTable =
+        {};  // by program number - 100000; 0 for none
 };

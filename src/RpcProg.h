@@ -8,6 +8,9 @@ class COutputStream;
 class CRuntimeParam;
 class CUtilities;
 
+constexpr unsigned int FIRST_PROGRAM = 100000;  // the programs served are this and the next nine
+constexpr unsigned int PROGRAM_COUNT = 10;
+
 constexpr unsigned int ANY_VERSION = 0xFFFFFFFF;    // any version is taken
 constexpr unsigned int ANY_PROCEDURE = 0xFFFFFFFF;  // any procedure number is taken
 

@@ -16,34 +16,27 @@ constexpr unsigned int LIKELY_PROGRAM_FIRST = 100000;
 constexpr unsigned int LIKELY_PROGRAM_LAST = 199999;
 constexpr unsigned int LIKELY_PROCEDURE_LAST = 99;
 
-unsigned int LoadWord(const unsigned char* pcBytes)
+// What the mark at the read position announces: the bytes of the record behind it.
+unsigned int GetRecordLength(const CInputStream* pIn)
 {
-    return static_cast<unsigned int>(pcBytes[0]) << 24 |
-           static_cast<unsigned int>(pcBytes[1]) << 16 |
-           static_cast<unsigned int>(pcBytes[2]) << 8 | static_cast<unsigned int>(pcBytes[3]);
+    const unsigned char* pcMark = pIn->GetFilledBuffer(0, MARK_SIZE);
+    return pcMark == nullptr ? 0 : CSocketStream::LoadWord(pcMark) & ~LAST_FRAGMENT;
 }
 
-// Where the record at the read position ends by its own mark, as a position in the stream. A mark
-// too small for the header behind it says nothing, nor does a datagram, which has none: the
-// received bytes are all there is to go by.
-unsigned long long GetRecordEnd(int iSocketType, const CInputStream* pIn)
+unsigned int GetHeaderSize(int iSocketType)
 {
-    if (iSocketType == SOCKET_STREAM) {
-        const unsigned int iLength = LoadWord(pIn->GetCurrentBuffer()) & ~LAST_FRAGMENT;
-        if (iLength >= sizeof(RPC_HEADER))
-            return 0ULL + pIn->GetBufferIndex() + MARK_SIZE + iLength;
-    }
-    return pIn->GetBufferEnd();
+    return iSocketType == SOCKET_STREAM ? sizeof(RPC_STM_HEADER) : sizeof(RPC_HEADER);
 }
 
 // Confines whoever reads to one record: what a length inside it claims cannot reach into the next.
+// A mark too small for the header behind it says nothing, nor does a datagram, which has none.
 class CRecordScope {
 public:
-    CRecordScope(CInputStream* pIn, unsigned long long iRecordEnd)
-        : m_pIn(pIn), m_iEnd(pIn->GetBufferEnd())
+    CRecordScope(int iSocketType, CInputStream* pIn) : m_pIn(pIn), m_iEnd(pIn->GetBufferEnd())
     {
-        if (iRecordEnd < m_iEnd)
-            m_pIn->SetBufferEnd(static_cast<unsigned int>(iRecordEnd));
+        const unsigned int iLength = iSocketType == SOCKET_STREAM ? GetRecordLength(pIn) : 0;
+        if (iLength >= sizeof(RPC_HEADER) && iLength < m_pIn->GetFilledBufferSize() - MARK_SIZE)
+            m_pIn->SetBufferEnd(m_pIn->GetBufferIndex() + MARK_SIZE + iLength);
     }
     ~CRecordScope() { m_pIn->SetBufferEnd(m_iEnd); }
     CRecordScope(const CRecordScope&) = delete;
@@ -121,14 +114,13 @@ int CRpcServer::AnswerCall(CSocket* pSocket, const std::string& sRemoteAddr)
     if (pRuntimeParam->IsLogRpc())
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Input buf size(%u) pos(%u)", logArgu.pcName,
                               pIn->GetFilledBufferSize(), pIn->GetBufferIndex());
-    if (!LookForValidHeader(pRuntimeParam, &logArgu, pSocket->GetProgId(), pSocket->GetType(), pIn,
-                            pOut)) {
+    if (!FindHeader(pSocket, &logArgu)) {
         if (pRuntimeParam->IsLogRpc())
             m_pUtilities->LogInfo(pRuntimeParam, "[%s] Cannot find valid header!!", logArgu.pcName);
         return PRC_TRUNCATED;
     }
     const unsigned int iStart = pIn->GetBufferIndex();
-    const unsigned long long iRecordEnd = GetRecordEnd(pSocket->GetType(), pIn);
+    const unsigned long long iRecordEnd = 0ULL + iStart + MARK_SIZE + GetRecordLength(pIn);
     const int iResult = Process(pRuntimeParam, pSocket->GetProgId(), pSocket->GetType(), pIn, pOut,
                                 sRemoteAddr.c_str());
     if (iResult == PRC_TRUNCATED && !FindNextHeader(pSocket, iRecordEnd)) {
@@ -142,6 +134,20 @@ int CRpcServer::AnswerCall(CSocket* pSocket, const std::string& sRemoteAddr)
                               pOut->GetBufferSize());
     pSocket->Send();
     return iResult;
+}
+
+// Garbage is searched once, not again with every piece that arrives, unless someone wants to see
+// the lines of the search: what was no call does not become one.
+bool CRpcServer::FindHeader(CSocket* pSocket, LogArgu* pLogArgu)
+{
+    CInputStream* pIn = pSocket->GetInputStream();
+    const unsigned int iFrom = m_pRuntimeParam.IsLogRpc() ? 0 : pSocket->GetSearchedSize();
+    const bool bFound =
+        Search(&m_pRuntimeParam, pLogArgu, pSocket->GetProgId(), pSocket->GetType(), pIn, iFrom);
+    const unsigned int iFilled = pIn->GetFilledBufferSize();
+    const unsigned int iHeader = GetHeaderSize(pSocket->GetType());
+    pSocket->SetSearchedSize(bFound || iFilled < iHeader ? 0 : iFilled - iHeader + 1);
+    return bFound;
 }
 
 // After a truncated call: is there another one behind it? Not before the end that its record
@@ -174,19 +180,25 @@ bool CRpcServer::LookForValidHeader(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
                                     unsigned long iProg, int iSocketType, CInputStream* pIn,
                                     COutputStream*)
 {
-    const bool bStream = iSocketType == SOCKET_STREAM;
-    const unsigned int iSize = bStream ? sizeof(RPC_STM_HEADER) : sizeof(RPC_HEADER);
-    const unsigned int iProgAt =
-        bStream ? offsetof(RPC_STM_HEADER, lProg) : offsetof(RPC_HEADER, lProg);
+    return Search(pRuntimeParam, pLogArgu, iProg, iSocketType, pIn, 0);
+}
+
+bool CRpcServer::Search(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long iProg,
+                        int iSocketType, CInputStream* pIn, unsigned int iFrom)
+{
+    const unsigned int iSize = GetHeaderSize(iSocketType);
+    const unsigned int iProgAt = iSocketType == SOCKET_STREAM ? offsetof(RPC_STM_HEADER, lProg)
+                                                              : offsetof(RPC_HEADER, lProg);
     const bool bLog = pRuntimeParam->IsLogRpc();
 
     const unsigned int iFilled = pIn->GetFilledBufferSize();
     const unsigned char* pcBuffer = pIn->GetCurrentBuffer();
-    for (unsigned int k = 0; k + iSize <= iFilled; k++) {
+    for (unsigned int k = iFrom; k + iSize <= iFilled; k++) {
         const unsigned char* pcWords = pcBuffer + k + iProgAt;
-        const unsigned int iFound = LoadWord(pcWords);
+        const unsigned int iFound = CSocketStream::LoadWord(pcWords);
         if (iFound == iProg) {
-            if (!IsValidHeader(iProg, LoadWord(pcWords + 4), LoadWord(pcWords + 8)))
+            if (!IsValidHeader(iProg, CSocketStream::LoadWord(pcWords + 4),
+                               CSocketStream::LoadWord(pcWords + 8)))
                 continue;
             if (k > 0) {
                 pIn->Skip(k);
@@ -198,10 +210,11 @@ bool CRpcServer::LookForValidHeader(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
             return true;
         }
         if (bLog && iFound >= LIKELY_PROGRAM_FIRST && iFound <= LIKELY_PROGRAM_LAST &&
-            LoadWord(pcWords + 8) <= LIKELY_PROCEDURE_LAST)  // kept: "ProcId" for the program too
+            CSocketStream::LoadWord(pcWords + 8) <=
+                LIKELY_PROCEDURE_LAST)  // kept: "ProcId" for the program too
             m_pUtilities->LogInfo(
                 pRuntimeParam, "[%s] A possible valid header may be skipped, ProcId=%u, ProcId=%u",
-                pLogArgu->pcName, iFound, LoadWord(pcWords + 8));
+                pLogArgu->pcName, iFound, CSocketStream::LoadWord(pcWords + 8));
     }
     return false;
 }
@@ -209,7 +222,7 @@ bool CRpcServer::LookForValidHeader(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
 int CRpcServer::Process(CRuntimeParam* pRuntimeParam, unsigned long, int iSocketType,
                         CInputStream* pIn, COutputStream* pOut, const char* pcRemoteAddr)
 {
-    const CRecordScope scope(pIn, GetRecordEnd(iSocketType, pIn));
+    const CRecordScope scope(iSocketType, pIn);
     RPC_STM_HEADER header = {};
     int iResult = ReadHeader(pRuntimeParam, iSocketType, pIn, &header);
     if (pRuntimeParam->IsLogRpc())
@@ -299,8 +312,10 @@ int CRpcServer::CallProgram(CRuntimeParam* pRuntimeParam, const RPC_STM_HEADER& 
     if (bShort)
         pIn->Skip(pIn->GetFilledBufferSize());
     iResult = pProg->Process(pIn, pOut, &param);
-    if (bShort && iResult == PRC_TRUNCATED)
+    if (bShort) {
         pIn->SetBufferIndex(iStop);
+        return PRC_TRUNCATED;  // also where the program did without arguments
+    }
     if (iResult == PRC_NOTIMP || iResult == PRC_FAIL) {
         pOut->Seek(iState, 0);
         pOut->Write(iResult == PRC_NOTIMP ? PROC_UNAVAIL : GARBAGE_ARGS);

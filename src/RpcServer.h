@@ -10,9 +10,6 @@
 #include "RuntimeParam.h"
 #include "Socket.h"
 
-constexpr unsigned int FIRST_PROGRAM = 100000;  // the programs served are this and the next nine
-constexpr unsigned int PROGRAM_COUNT = 10;
-
 enum RpcMessageType : unsigned int {
     CALL = 0,
     REPLY = 1,
@@ -94,7 +91,10 @@ public:
 private:
     bool AnswerCalls(CSocket* pSocket) REQUIRES(m_hMutex);
     int AnswerCall(CSocket* pSocket, const std::string& sRemoteAddr) REQUIRES(m_hMutex);
+    bool FindHeader(CSocket* pSocket, LogArgu* pLogArgu) REQUIRES(m_hMutex);
     bool FindNextHeader(CSocket* pSocket, unsigned long long iRecordEnd);
+    bool Search(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long iProg,
+                int iSocketType, CInputStream* pIn, unsigned int iFrom);
     CRpcProg* FindProgram(unsigned long iProg) const;
     bool IsValidHeader(unsigned long iProg, unsigned int iVers, unsigned int iProc) const;
     int ReadHeader(CRuntimeParam* pRuntimeParam, int iSocketType, CInputStream* pIn,

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <new>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -31,15 +31,6 @@ void SetConnectionOptions(int iSocket)
     SetOption(iSocket, IPPROTO_TCP, TCP_KEEPIDLE, 60);
     SetOption(iSocket, IPPROTO_TCP, TCP_KEEPINTVL, 10);
     SetOption(iSocket, IPPROTO_TCP, TCP_KEEPCNT, 6);
-}
-
-// A process whose standard input was closed would be given descriptor 0 for every connection. That
-// connection is turned away and the number kept occupied.
-void OccupyDescriptorZero()
-{
-    const CAutoFd null(open("/dev/null", O_RDONLY | O_CLOEXEC));
-    if (null.Get() != -1)
-        dup2(null.Get(), 0);
 }
 
 }  // namespace
@@ -72,12 +63,7 @@ bool CServerSocket::Listen(char* pcReason)
         return Fail("Fail to create server socket. %s", errno, pcReason);
 
     SetOption(m_ServerSocket.Get(), SOL_SOCKET, SO_REUSEADDR, 1);  // a restart need not wait
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    address.sin_port = htons(static_cast<in_port_t>(m_nPort));
-    if (bind(m_ServerSocket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
-        0)
+    if (!BindToPort(m_ServerSocket.Get(), m_nPort))
         return Fail("Fail to bind server socket. %s", errno, pcReason);
     if (listen(m_ServerSocket.Get(), m_nMaxNum) != 0)
         return Fail("Fail to listen server socket. %s", errno, pcReason);
@@ -109,8 +95,9 @@ bool CServerSocket::Fail(const char* pcText, int iError, char* pcReason)
 
 void CServerSocket::Close()
 {
-    if (m_bClosed.exchange(true))
+    if (m_bClosed)
         return;
+    m_bClosed = true;
     m_pWakePipe->Wake();
     if (m_iThreadCreated == 0)
         pthread_join(m_hThread, nullptr);
@@ -140,14 +127,15 @@ void CServerSocket::Accept()
         accept4(m_ServerSocket.Get(), reinterpret_cast<sockaddr*>(&peer), &iLength, SOCK_CLOEXEC));
     if (connection.Get() == -1) {
         // Short of descriptors or memory: the connection stays in the backlog, and asking for it
-        // again at once would only burn the processor.
-        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+        // again at once would only burn the processor. A connection that went away does not matter.
+        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && errno != ECONNABORTED)
             m_pWakePipe->WaitReadable(-1, RETRY_PAUSE);
         return;
     }
     if (connection.Get() == 0) {
-        OccupyDescriptorZero();
-        connection.Release();
+        // Standard input was closed. This connection is turned away, and the number stays taken, so
+        // that the next one gets another.
+        shutdown(connection.Release(), SHUT_RDWR);
         return;
     }
     const auto it = std::find_if(m_pSockets.begin(), m_pSockets.end(),
@@ -160,5 +148,9 @@ void CServerSocket::Accept()
         return;
     }
     SetConnectionOptions(connection.Get());
-    (*it)->Open(connection.Release(), m_pListener, &peer);
+    try {
+        (*it)->Open(connection.Release(), m_pListener, &peer);
+    } catch (const std::bad_alloc&) {
+        // No memory for its streams: it costs this connection, not the process.
+    }
 }

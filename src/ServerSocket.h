@@ -1,7 +1,6 @@
 // The TCP listener of a program.
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <pthread.h>
 #include <vector>
@@ -51,7 +50,7 @@ private:
     int m_nPort = 0;
     int m_nMaxNum = 0;  // connections, and the backlog
     CAutoFd m_ServerSocket;
-    std::atomic<bool> m_bClosed = true;
+    bool m_bClosed = true;
     ISocketListener* m_pListener = nullptr;    // not owned
     CRuntimeParam* m_pRuntimeParam = nullptr;  // not owned
     CUtilities* m_pUtilities = nullptr;        // not owned

@@ -2,27 +2,36 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <ctime>
 #include <exception>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "AutoFd.h"
+#include "Pause.h"
+
 namespace {
 
-constexpr int RETRY_PAUSE = 10;  // milliseconds, when the system is short of memory
+constexpr int SHORTAGE_PAUSE = 10;  // milliseconds, when the system is short of memory
 
 bool IsShortage(int iError)
 {
     return iError == ENOBUFS || iError == ENOMEM || iError == EAGAIN;
 }
 
-void Pause()
-{
-    const struct timespec pause = {0, RETRY_PAUSE * 1000000L};
-    nanosleep(&pause, nullptr);
-}
-
 }  // namespace
+
+bool BindToPort(int iSocket, int iPort)
+{
+    if (iPort < 0 || iPort > 0xFFFF) {
+        errno = EINVAL;
+        return false;
+    }
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(static_cast<in_port_t>(iPort));
+    return bind(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
 
 CSocket::CSocket(int iType, unsigned long lProgId)
     : m_iType(iType),
@@ -39,31 +48,34 @@ CSocket::~CSocket()
 
 bool CSocket::Open(int iSocket, ISocketListener* pListener, const sockaddr_in* pPeer)
 {
+    CAutoFd socket(iSocket);
     const bool bUsed = m_pListener != nullptr;
     Close();
+    m_iSearchedSize = 0;
     if (bUsed) {  // fresh buffers: not a byte of the last peer may reach the next one
         m_pInputStream = std::make_unique<CInputStream>();
         m_pOutputStream = std::make_unique<COutputStream>();
     }
-    m_Socket = iSocket;
     m_pListener = pListener;
     m_RemoteAddr = pPeer == nullptr ? sockaddr_in{} : *pPeer;
-    if (m_Socket == -1)
-        return false;
-
-    bool bReady = true;
     if (m_iType == SOCKET_DATAGRAM) {
         m_pWakePipe = std::make_unique<CWakePipe>();
-        bReady = m_pWakePipe->Open();
+        if (!m_pWakePipe->Open())
+            return false;
     }
-    if (bReady) {
-        m_bActive = true;
-        m_iThreadCreated = pthread_create(&m_hThread, nullptr, RunThread, this);
-        bReady = m_iThreadCreated == 0;
+    m_Socket = socket.Release();
+    if (m_Socket == -1) {
+        errno = EBADF;
+        return false;
     }
-    if (!bReady)
-        Close();
-    return bReady;
+    m_bActive = true;
+    m_iThreadCreated = pthread_create(&m_hThread, nullptr, RunThread, this);
+    if (m_iThreadCreated == 0)
+        return true;
+    const int iError = m_iThreadCreated;
+    Close();
+    errno = iError;
+    return false;
 }
 
 void CSocket::Close()
@@ -106,15 +118,17 @@ void CSocket::Run()
             m_pOutputStream->ResetBuffer();
         }
         // What a datagram leaves unread goes with it: the next may be another peer's.
-        if (m_iType == SOCKET_DATAGRAM)
+        if (m_iType == SOCKET_DATAGRAM) {
             m_pInputStream->ResetBuffer();
+            m_iSearchedSize = 0;
+        }
     }
     if (m_iType == SOCKET_STREAM)
         shutdown(m_Socket, SHUT_RDWR);  // the peer learns it now; the slot keeps the descriptor
     m_bActive = false;
 }
 
-// Bytes received; 0 or less ends the connection. A full buffer reads 0 bytes and so ends it too.
+// Bytes received; 0 or less ends the connection, which a full buffer does too.
 ssize_t CSocket::Receive()
 {
     return m_iType == SOCKET_DATAGRAM ? ReceiveDatagram() : ReceiveStream();
@@ -122,13 +136,15 @@ ssize_t CSocket::Receive()
 
 ssize_t CSocket::ReceiveStream()
 {
+    if (m_pInputStream->GetFreeBufferSize() == 0)
+        return 0;
     for (;;) {
         const ssize_t iReceived =
             recv(m_Socket, m_pInputStream->GetFreeBuffer(), m_pInputStream->GetFreeBufferSize(), 0);
         if (iReceived >= 0 || (errno != EINTR && !IsShortage(errno)))
             return iReceived;
         if (errno != EINTR)
-            Pause();
+            Pause(SHORTAGE_PAUSE);
     }
 }
 
@@ -144,7 +160,7 @@ ssize_t CSocket::ReceiveDatagram()
         if (iReceived > 0)
             return iReceived;
         if (iReceived < 0 && errno != EAGAIN && IsShortage(errno))
-            Pause();
+            Pause(SHORTAGE_PAUSE);
     }
     return -1;
 }
@@ -170,7 +186,7 @@ bool CSocket::SendSome(int iFlags)
 {
     const unsigned int iSize = m_pOutputStream->GetBufferSize();
     if (m_Socket == -1 || iSize == 0)
-        return true;
+        return iSize == 0;
     const bool bDatagram = m_iType == SOCKET_DATAGRAM;
     ssize_t iSent = -1;
     do {
@@ -184,7 +200,7 @@ bool CSocket::SendSome(int iFlags)
     }
     if (iSent == -1 && IsShortage(errno)) {
         if (iFlags == 0)
-            Pause();
+            Pause(SHORTAGE_PAUSE);
         return true;  // nothing went; the output waits for the next send
     }
     m_pOutputStream->ResetBuffer();

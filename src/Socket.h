@@ -23,6 +23,9 @@ public:
     virtual void SocketReceived(CSocket* pSocket) = 0;
 };
 
+// Binds a socket to the port at any local IPv4 address; false, with errno set, if that fails.
+bool BindToPort(int iSocket, int iPort);
+
 enum SocketType : int {
     SOCKET_STREAM = 1,    // TCP connection
     SOCKET_DATAGRAM = 2,  // UDP
@@ -42,8 +45,9 @@ public:
     CSocket& operator=(const CSocket&) = delete;
 
     // Takes over the descriptor, closing any earlier one, and starts to receive. pListener is not
-    // owned and outlives the connection; pPeer may be null. False if no thread could be started;
-    // the descriptor is closed then too.
+    // owned and outlives the connection; pPeer may be null. False, with errno set, if no thread
+    // could be started; the descriptor is closed then too, as it is where memory runs out and this
+    // throws.
     bool Open(int iSocket, ISocketListener* pListener, const sockaddr_in* pPeer);
 
     // Ends the receive thread, also one that waits for a peer to read, and closes the descriptor.
@@ -53,8 +57,13 @@ public:
     // stays there. What does not fit a datagram is dropped.
     void Send();
 
-    // Sends what Send left, waiting for the peer. False if the connection is gone.
+    // Sends what Send left, waiting for the peer. False if the connection is gone or closed.
     bool Flush();
+
+    // How many of the unread bytes the listener has searched in vain; 0 in a new connection. For
+    // the listener's use alone.
+    unsigned int GetSearchedSize() const { return m_iSearchedSize; }
+    void SetSearchedSize(unsigned int iSize) { m_iSearchedSize = iSize; }
 
     bool IsActive() const { return m_bActive; }
     int GetType() const { return m_iType; }
@@ -78,6 +87,7 @@ private:
     const unsigned long m_lProgId;
     int m_Socket = -1;  // set while no receive thread runs
     sockaddr_in m_RemoteAddr = {};
+    unsigned int m_iSearchedSize = 0;                // bytes
     ISocketListener* m_pListener = nullptr;          // not owned
     std::unique_ptr<CInputStream> m_pInputStream;    // owned
     std::unique_ptr<COutputStream> m_pOutputStream;  // owned

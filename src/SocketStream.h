@@ -23,8 +23,17 @@ public:
 
     static constexpr unsigned int GetMaxBufferSize() { return 0x100000; }
 
-    // The 32-bit value whose bytes, most significant first, are the four at p.
-    static unsigned int ReverseByteOrder(const unsigned int* p);
+    // The 32-bit value whose bytes, most significant first, are the four at the pointer.
+    static unsigned int LoadWord(const unsigned char* pcBytes)
+    {
+        return static_cast<unsigned int>(pcBytes[0]) << 24 |
+               static_cast<unsigned int>(pcBytes[1]) << 16 |
+               static_cast<unsigned int>(pcBytes[2]) << 8 | static_cast<unsigned int>(pcBytes[3]);
+    }
+    static unsigned int ReverseByteOrder(const unsigned int* p)
+    {
+        return LoadWord(reinterpret_cast<const unsigned char*>(p));
+    }
 
     void ResetBuffer();
 

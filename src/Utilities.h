@@ -319,13 +319,16 @@ private:
         std::string sPath;    // set with bClose
     };
 
-    bool IsMountInfoDefined(const char* pcCanonicalPath, const char* pcExportName,
-                            char* pcReason) const REQUIRES(m_hMutexMountInfos);
+    bool IsMountInfoDefined(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                            const char* pcLocalPath, const char* pcExportName, char* pcReason)
+        REQUIRES(m_hMutexMountInfos);
+    const MountInfo* FindMountInfoByLocalMountPath(const char* pcCanonicalPath) const
+        REQUIRES(m_hMutexMountInfos);
     const MountInfo* FindMountInfoByPath(const char* pcPathToCompare) const
         REQUIRES(m_hMutexMountInfos);
     const MountInfo* ScanMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                          const char* pcPathToCompare) REQUIRES(m_hMutexMountInfos);
-    void EraseMountInfo(std::map<std::string, MountInfo>::iterator it) REQUIRES(m_hMutexMountInfos);
+    void EraseMountInfo(const MountInfo& info) REQUIRES(m_hMutexMountInfos);
     void ResetFileTableIfUnused() REQUIRES(m_hMutexMountInfos);
 
     int GetCachedFileHandleLocked(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,

@@ -40,7 +40,7 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
 
     // One hold for the test and the insert, so that two adds of one name cannot both pass.
     const CMutexLock lock(m_hMutexMountInfos);
-    if (IsMountInfoDefined(cPath, pcExportName, pcReason))
+    if (IsMountInfoDefined(pRuntimeParam, pLogArgu, cPath, pcExportName, pcReason))
         return false;
     const size_t iInvalid = strcspn(pcExportName, "/ ");
     if (pcExportName[iInvalid] != '\0') {
@@ -56,30 +56,38 @@ bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
                                    const char* pcLocalPath, const char* pcExportName,
                                    char* pcReason)
 {
-    char cPath[PATH_SIZE];
-    if (pcLocalPath != nullptr)
-        GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalPath);
     const CMutexLock lock(m_hMutexMountInfos);
-    return IsMountInfoDefined(pcLocalPath == nullptr ? nullptr : cPath, pcExportName, pcReason);
+    return IsMountInfoDefined(pRuntimeParam, pLogArgu, pcLocalPath, pcExportName, pcReason);
 }
 
 // The name is tested first: a known name is reported as such also where the path is known too.
-bool CUtilities::IsMountInfoDefined(const char* pcCanonicalPath, const char* pcExportName,
-                                    char* pcReason) const
+bool CUtilities::IsMountInfoDefined(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                    const char* pcLocalPath, const char* pcExportName,
+                                    char* pcReason)
 {
     if (pcExportName != nullptr && m_MountInfos.count(pcExportName) > 0) {
         FormatReason(pcReason, "Export name \"%s\" already defined", pcExportName);
         return true;
     }
-    if (pcCanonicalPath == nullptr)
+    if (pcLocalPath == nullptr)
         return false;
-    for (const auto& [sName, info] : m_MountInfos) {
-        if (info.sLocalMountPath == pcCanonicalPath) {
-            FormatReason(pcReason, "Local mount path \"%s\" already defined", pcCanonicalPath);
-            return true;
-        }
+    char cPath[PATH_SIZE];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalPath);
+    if (FindMountInfoByLocalMountPath(cPath) == nullptr)
+        return false;
+    FormatReason(pcReason, "Local mount path \"%s\" already defined", cPath);
+    return true;
+}
+
+// The first export, by name, of exactly this path; null if there is none.
+const MountInfo* CUtilities::FindMountInfoByLocalMountPath(const char* pcCanonicalPath) const
+{
+    for (const std::string& sName : m_ExportIndex.GetNames(pcCanonicalPath)) {
+        const MountInfo& info = m_MountInfos.find(sName)->second;
+        if (info.sLocalMountPath == pcCanonicalPath)
+            return &info;
     }
-    return false;
+    return nullptr;
 }
 
 void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
@@ -89,12 +97,9 @@ void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, L
     GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalPath);
 
     const CMutexLock lock(m_hMutexMountInfos);
-    for (auto it = m_MountInfos.begin(); it != m_MountInfos.end(); ++it) {
-        if (it->second.sLocalMountPath == cPath) {
-            EraseMountInfo(it);
-            break;
-        }
-    }
+    const MountInfo* pInfo = FindMountInfoByLocalMountPath(cPath);
+    if (pInfo != nullptr)
+        EraseMountInfo(*pInfo);
     ResetFileTableIfUnused();
 }
 
@@ -103,7 +108,7 @@ void CUtilities::RemoveMountInfoByExportName(const char* pcExportName)
     const CMutexLock lock(m_hMutexMountInfos);
     const auto it = m_MountInfos.find(pcExportName);
     if (it != m_MountInfos.end())
-        EraseMountInfo(it);
+        EraseMountInfo(it->second);
     ResetFileTableIfUnused();
 }
 
@@ -115,10 +120,11 @@ void CUtilities::RemoveAllMountInfo()
     ResetFileTable();
 }
 
-void CUtilities::EraseMountInfo(std::map<std::string, MountInfo>::iterator it)
+void CUtilities::EraseMountInfo(const MountInfo& info)
 {
-    m_ExportIndex.Remove(it->second.sLocalMountPath, it->first);
-    m_MountInfos.erase(it);
+    const std::string sName = info.sExportName;  // the record goes with its entry
+    m_ExportIndex.Remove(info.sLocalMountPath, sName);
+    m_MountInfos.erase(sName);
 }
 
 void CUtilities::ResetFileTableIfUnused()

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <utility>
 
+#include "AutoFd.h"
 #include "Text.h"
 
 namespace {
@@ -70,14 +71,15 @@ int CUtilities::GetCachedFileHandleLocked(CRuntimeParam* pRuntimeParam, LogArgu*
         if (pRuntimeParam->IsLogFileAccess())  // kept: the mode comes first, then the path
             LogInfo(pRuntimeParam, "[%s] open %s mode %s", pLogArgu->pcName,
                     bReadWrite ? "read/write" : "read only", pcPath);
-        const int iFile = OpenFileWithRetry(pRuntimeParam, pLogArgu, pcPath,
-                                            bReadWrite ? O_RDWR : O_RDONLY, nullptr);
+        CAutoFd file(OpenFileWithRetry(pRuntimeParam, pLogArgu, pcPath,
+                                       bReadWrite ? O_RDWR : O_RDONLY, nullptr));
 
         // Looked up again: the evictions above may have taken the entry. A failed open leaves an
         // entry too, and the next call tries again.
         it = m_OpenedFileHandles.try_emplace(pcPath).first;
-        it->second.iFile = iFile;
         it->second.sPath = pcPath;
+        it->second.iTime = 0;
+        it->second.iFile = file.Release();
     }
     TouchCachedFile(&it->second);
     return it->second.iFile;
@@ -87,9 +89,13 @@ int CUtilities::GetCachedFileHandleLocked(CRuntimeParam* pRuntimeParam, LogArgu*
 // comes before "9": that order within one second is kept.
 void CUtilities::TouchCachedFile(OpenedFileInfo* pInfo)
 {
+    const time_t iNow = time(nullptr);
+    if (iNow == pInfo->iTime && pInfo->iFile != -1)
+        return;  // the key would be the same, and no other entry has it
+    pInfo->iTime = iNow;
     char cTimeKey[40];
-    snprintf(cTimeKey, sizeof(cTimeKey), "%016llu%d",
-             static_cast<unsigned long long>(time(nullptr)), pInfo->iFile);
+    snprintf(cTimeKey, sizeof(cTimeKey), "%016llu%d", static_cast<unsigned long long>(iNow),
+             pInfo->iFile);
 
     // The old node is used again, so that a hit allocates nothing.
     auto node = m_OpenedFileLastAccessList.extract(pInfo->sTimeKey);
@@ -184,6 +190,11 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, Log
         }
         m_OpenedFileLastAccessList.erase(oldest);
     }
+    // Entries whose open failed share their places in the list, and those without one could never
+    // be dropped: the cache would stay full for ever.
+    if (iCount >= 1)
+        std::erase_if(m_OpenedFileHandles,
+                      [](const auto& entry) { return entry.second.iFile == -1; });
 }
 
 // Closes the descriptor of an entry that leaves the cache, or lets its last user do it.

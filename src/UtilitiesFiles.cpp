@@ -2,10 +2,23 @@
 #include "Utilities.h"
 
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "CachedFile.h"
 #include "FileTable.h"
+
+namespace {
+
+bool IsSameFile(const char* pcPath, const char* pcOtherPath)
+{
+    struct stat info = {};
+    struct stat other = {};
+    return lstat(pcPath, &info) == 0 && lstat(pcOtherPath, &other) == 0 &&
+           info.st_dev == other.st_dev && info.st_ino == other.st_ino;
+}
+
+}  // namespace
 
 long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                   const char* pcPath, long long iDefault)
@@ -66,8 +79,10 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
         LogInfo(pRuntimeParam, "[%s] Rename file, pathFrom=%s, pathTo=%s", pLogArgu->pcName,
                 pcPathFrom, pcPathTo);
     if (strcmp(pcPathFrom, pcPathTo) == 0)
-        return true;  // else the file would be removed as the target that stands in its own way
-    if (OS_IsFileExists(pcPathTo) && !RemoveFile(pRuntimeParam, pLogArgu, pcPathTo))
+        return true;
+    // Two names of one file: it would be removed as the target that stands in its own way.
+    if (!IsSameFile(pcPathFrom, pcPathTo) && OS_IsFileExists(pcPathTo) &&
+        !RemoveFile(pRuntimeParam, pLogArgu, pcPathTo))
         return false;
     if (OS_IsFileExists(pcPathFrom)) {
         CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathFrom);

@@ -1,5 +1,4 @@
-// System calls on files, each with its log line. Whatever opens a descriptor keeps it from child
-// processes.
+// System calls on files, each with its log line.
 #include "Utilities.h"
 
 #include <cerrno>
@@ -13,6 +12,10 @@
 #include "Text.h"
 
 namespace {
+
+// With every open: child processes do not get the descriptor, and neither a terminal nor a pipe
+// that lies in an export can make the server wait. Files and folders do not mind.
+constexpr int OPEN_FLAGS = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 
 // The text of a failed call, taken from errno before anything else can change it.
 class CErrorText {
@@ -37,7 +40,7 @@ private:
 int CUtilities::OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                               char* pcError)
 {
-    const int iFile = open(pcPath, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    const int iFile = open(pcPath, O_RDWR | O_CREAT | OPEN_FLAGS, 0666);
     if (iFile == -1) {
         const CErrorText error(this, pcError);
         if (pRuntimeParam->IsLogError())
@@ -84,7 +87,7 @@ int CUtilities::OS_FileRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
 int CUtilities::OpenFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                          int iFlags, char* pcError)
 {
-    const int iFile = open(pcPath, iFlags | O_CLOEXEC);
+    const int iFile = open(pcPath, iFlags | OPEN_FLAGS);
     const int iError = errno;
     if (iFile == -1) {
         const CErrorText error(this, pcError);
@@ -261,7 +264,7 @@ int CUtilities::OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
 bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                                 long long iSize, char* pcError)
 {
-    const CAutoFd file(open(pcPath, O_RDWR | O_CREAT | O_CLOEXEC, 0755));
+    const CAutoFd file(open(pcPath, O_RDWR | O_CREAT | OPEN_FLAGS, 0755));
     struct stat info = {};
     bool bDone = file.Get() != -1 && fstat(file.Get(), &info) == 0;
     const bool bChange = bDone && info.st_size != iSize;

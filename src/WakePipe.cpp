@@ -3,6 +3,9 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
+#include <unistd.h>
+
+#include "Pause.h"
 
 bool CWakePipe::Open()
 {
@@ -14,16 +17,19 @@ bool CWakePipe::Open()
     return true;
 }
 
-// End of file is the signal: it cannot be missed, consumed or find the pipe full.
+// Nobody reads the byte, so the pipe stays readable and the signal cannot be missed.
 void CWakePipe::Wake()
 {
-    m_write.Reset();
+    while (write(m_write.Get(), "", 1) == -1 && errno == EINTR)
+        ;
 }
 
 bool CWakePipe::WaitReadable(int iFile, int iTimeout)
 {
     struct pollfd waits[2] = {{m_read.Get(), POLLIN, 0}, {iFile, POLLIN, 0}};
-    while (poll(waits, iFile == -1 ? 1 : 2, iTimeout) == -1 && errno == EINTR)
-        ;
+    while (poll(waits, iFile == -1 ? 1 : 2, iTimeout) == -1) {
+        if (errno != EINTR)
+            Pause(10);  // out of memory: asking at once again would spin
+    }
     return waits[0].revents == 0;
 }

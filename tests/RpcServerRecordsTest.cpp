@@ -1,0 +1,307 @@
+// How the RPC server takes a stream apart: calls in pieces, several at once, and records whose mark
+// or lengths are wrong.
+#include "RpcServer.h"
+
+#include <gtest/gtest.h>
+
+#include "RpcServerFixture.h"
+
+namespace {
+
+std::string WithMark(uint32_t iMark, const std::string& sRecord)
+{
+    std::string sResult = sRecord;
+    PutWord(&sResult, 0, iMark);
+    return sResult;
+}
+
+class RpcServerRecordsTest : public CRpcServerFixture {};
+
+}  // namespace
+
+// ---- Calls in pieces and in company ----
+
+TEST_F(RpcServerRecordsTest, CallSplitInTwoAnywhere_IsAnsweredOnceAndOnlyWhenComplete)
+{
+    const std::string sRecord = EchoCall(0xBEEF, 30).Record();
+    CTcpClient client(PORT);
+    for (size_t iCut = 1; iCut < sRecord.size(); iCut++) {
+        m_Log.Clear();
+        ASSERT_TRUE(client.Send(sRecord.substr(0, iCut)));
+        // The line comes when the server is done with the first part.
+        ASSERT_TRUE(m_Log.WaitFor(iCut < TCP_HEADER_SIZE
+                                      ? "[RpcServer.SocketReceived] Cannot find valid header!!"
+                                      : "[RpcServer.SocketReceived] Output buf size(0)"))
+            << iCut;
+        EXPECT_EQ(m_Log.Contains("[RpcServer.SocketReceived] Reset input buffer postion"),
+                  iCut >= TCP_HEADER_SIZE);
+        EXPECT_FALSE(client.HasBytes()) << iCut;
+        ASSERT_TRUE(client.Send(sRecord.substr(iCut)));
+        ExpectOnlyEcho(&client, 0xBEEF, 30);
+    }
+}
+
+TEST_F(RpcServerRecordsTest, CallInFortySends_IsAnsweredOnce)
+{
+    const std::string sData(36, 'd');
+    const std::string sRecord = FakeCall(FAKE_OPAQUE, 31, CXdr().Opaque(sData).Bytes()).Record();
+    CTcpClient client(PORT);
+    const size_t iSends = 40;
+    for (size_t i = 0; i < iSends; i++) {
+        const size_t iFrom = sRecord.size() * i / iSends;
+        const size_t iTo = sRecord.size() * (i + 1) / iSends;
+        ASSERT_TRUE(client.Send(sRecord.substr(iFrom, iTo - iFrom)));
+        ASSERT_TRUE(m_Log.WaitFor("Input buf size(" + std::to_string(iTo) + ")")) << i;
+    }
+    CReply reply = client.ReceiveReply();
+    ASSERT_TRUE(reply.IsSuccess(31));
+    EXPECT_EQ(reply.Word(), sData.size());
+    EXPECT_TRUE(client.IsOtherwiseSilent(PROG, 1));
+}
+
+TEST_F(RpcServerRecordsTest, ManyCallsInOneSend_AreAllAnsweredInOrder)
+{
+    std::string sRecords;
+    for (uint32_t i = 0; i < 200; i++)
+        sRecords += EchoCall(i * 3, 1000 + i).Record();
+    CTcpClient client(PORT);
+    ASSERT_TRUE(client.Send(sRecords));
+    for (uint32_t i = 0; i < 200; i++) {
+        CReply reply = client.ReceiveReply();
+        ASSERT_TRUE(reply.IsSuccess(1000 + i));
+        EXPECT_EQ(reply.Word(), i * 3);
+    }
+    EXPECT_TRUE(client.IsOtherwiseSilent(PROG, 1));
+}
+
+TEST_F(RpcServerRecordsTest, CallBehindARefusedOne_WaitsForTheNextReceive)
+{
+    CTcpClient client(PORT);
+    ASSERT_TRUE(client.Send(FakeCall(FAKE_NOTIMP, 32).Record() + EchoCall(1, 33).Record()));
+    EXPECT_TRUE(client.ReceiveReply().IsAccepted(32, ACCEPT_PROC_UNAVAIL));
+
+    ASSERT_TRUE(client.Send(EchoCall(2, 34).Record()));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(33));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(34));
+    // Both were in the buffer when the third arrived.
+    EXPECT_TRUE(m_Log.Contains("[RpcServer.SocketReceived] Input buf size(96) pos(0)"));
+    EXPECT_TRUE(client.IsOtherwiseSilent(PROG, 1));
+}
+
+TEST_F(RpcServerRecordsTest, TwoCallsInOneDatagram_OnlyTheFirstIsAnswered)
+{
+    CUdpClient client(PORT);
+    ASSERT_TRUE(client.Send(EchoCall(1, 35).Datagram() + EchoCall(2, 36).Datagram()));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(35));
+    EXPECT_TRUE(client.IsOtherwiseSilent(PROG, 1));
+    EXPECT_EQ(m_Prog.m_iCalls, 2);  // the first one and the probe
+}
+
+TEST_F(RpcServerRecordsTest, EmptyDatagram_DoesNotEndTheService)
+{
+    CUdpClient client(PORT);
+    for (int i = 0; i < 3; i++) {
+        ASSERT_TRUE(client.Send(""));
+        EXPECT_TRUE(client.Call(EchoCall(1, 37)).IsSuccess(37));
+    }
+}
+
+TEST_F(RpcServerRecordsTest, HalvesOfACallFromTwoPeers_AreNotPutTogether)
+{
+    const std::string sDatagram = EchoCall(1, 38).Datagram();
+    CUdpClient first(PORT, "127.0.0.4");
+    CUdpClient second(PORT, "127.0.0.5");
+    ASSERT_TRUE(first.Send(sDatagram.substr(0, 20)));
+    ASSERT_TRUE(second.Send(sDatagram.substr(20)));
+    EXPECT_TRUE(second.IsOtherwiseSilent(PROG, 1));
+    EXPECT_TRUE(first.IsOtherwiseSilent(PROG, 1));
+    EXPECT_FALSE(m_Log.Contains("Skipped"));  // the probes met an empty buffer
+    EXPECT_EQ(m_Prog.m_iCalls, 2);
+}
+
+TEST_F(RpcServerRecordsTest, CallThatIsShortInItsDatagram_GetsNoAnswerAndLeavesNothing)
+{
+    CUdpClient client(PORT);
+    ASSERT_TRUE(client.Send(FakeCall(FAKE_ECHO, 39).Datagram()));
+    ASSERT_TRUE(m_Log.WaitFor("Reset input buffer postion"));
+    EXPECT_TRUE(client.IsOtherwiseSilent(PROG, 1));
+    EXPECT_EQ(m_Prog.m_iCalls, 2);
+}
+
+TEST_F(RpcServerRecordsTest, GarbageInDatagrams_DoesNotFillTheBuffer)
+{
+    CUdpClient client(PORT);
+    const std::string sGarbage(60000, 'g');
+    for (size_t i = 1; i <= 20; i++) {  // more than the buffer holds
+        ASSERT_TRUE(client.Send(sGarbage));
+        ASSERT_TRUE(m_Log.WaitFor("Cannot find valid header!!", i));
+    }
+    EXPECT_TRUE(client.Call(EchoCall(1, 40)).IsSuccess(40));
+    EXPECT_EQ(m_Log.Count("Input buf size(60000) pos(0)"), 20U);
+}
+
+// ---- Record marks ----
+
+TEST_F(RpcServerRecordsTest, MarkTooSmallForAHeader_SaysNothing)
+{
+    for (const uint32_t iMark : {0U, RECORD_MARK_LAST, RECORD_MARK_LAST | 1, 39U}) {
+        CTcpClient client(PORT);
+        ASSERT_TRUE(client.Send(WithMark(iMark, EchoCall(8, 41).Record())));
+        ExpectOnlyEcho(&client, 8, 41);
+    }
+}
+
+TEST_F(RpcServerRecordsTest, MarkWithoutLastBit_IsAnsweredAllTheSame)
+{
+    CTcpClient client(PORT);
+    ASSERT_TRUE(client.Send(WithMark(TCP_HEADER_SIZE, EchoCall(8, 42).Record())));
+    ExpectOnlyEcho(&client, 8, 42);
+}
+
+TEST_F(RpcServerRecordsTest, MarkBeyondTheArguments_DoesNotKeepACallWaiting)
+{
+    CTcpClient client(PORT);
+    ASSERT_TRUE(client.Send(WithMark(0xFFFFFFFF, EchoCall(8, 43).Record())));
+    ExpectOnlyEcho(&client, 8, 43);
+}
+
+TEST_F(RpcServerRecordsTest, LengthBeyondItsRecord_DoesNotReachIntoTheNextCall)
+{
+    // The first call claims 40 bytes and has none; those of the second must not be taken for them.
+    CTcpClient client(PORT);
+    const std::string sShort = FakeCall(FAKE_OPAQUE, 44, CXdr().Word(40).Bytes()).Record();
+    ASSERT_TRUE(client.Send(sShort + EchoCall(1, 45).Record()));
+    const CReply reply = client.ReceiveReply();
+    EXPECT_TRUE(reply.IsSuccess(44));
+    EXPECT_EQ(reply.Left(), 0U);  // no results: the program did not get that far
+
+    ASSERT_TRUE(client.Send(EchoCall(2, 46).Record()));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(45));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(46));
+    EXPECT_TRUE(client.IsOtherwiseSilent(PROG, 1));
+}
+
+TEST_F(RpcServerRecordsTest, TruncatedCallWithNothingBehindIt_IsAnsweredWhenTheNextCallComes)
+{
+    CTcpClient client(PORT);
+    ASSERT_TRUE(client.Send(FakeCall(FAKE_OPAQUE, 47, CXdr().Word(0xFFFFFFFF).Bytes()).Record()));
+    ASSERT_TRUE(m_Log.WaitFor("[RpcServer.SocketReceived] Output buf size(0)"));
+    EXPECT_FALSE(client.HasBytes());
+
+    ASSERT_TRUE(client.Send(EchoCall(1, 48).Record()));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(47));
+    ASSERT_TRUE(client.Send(EchoCall(2, 49).Record()));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(48));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(49));
+}
+
+TEST_F(RpcServerRecordsTest, TruncatedCall_KeepsTheResultsThatItWrote)
+{
+    CTcpClient client(PORT);
+    ASSERT_TRUE(client.Send(FakeCall(FAKE_TRUNCATED, 50).Record() + EchoCall(1, 51).Record()));
+    CReply reply = client.ReceiveReply();
+    ASSERT_TRUE(reply.IsSuccess(50));
+    EXPECT_EQ(reply.Word(), 0xDEADBEEFU);
+    EXPECT_EQ(reply.Word(), 0xDEADBEEFU);
+    EXPECT_EQ(reply.Left(), 0U);
+}
+
+TEST_F(RpcServerRecordsTest, CallInsideTheDataOfAnUnfinishedRecord_IsNotACall)
+{
+    // File data may hold anything, also a call of its own: while the record is on its way and when
+    // it is there.
+    const std::string sData =
+        std::string(50, 'a') + EchoCall(1, 52).Record() + std::string(50, 'b');
+    const std::string sRecord = FakeCall(FAKE_OPAQUE, 53, CXdr().Opaque(sData).Bytes()).Record();
+    CTcpClient client(PORT);
+    ASSERT_TRUE(client.Send(sRecord.substr(0, sRecord.size() - 20)));
+    ASSERT_TRUE(m_Log.WaitFor("[RpcServer.SocketReceived] Output buf size(0)"));
+    EXPECT_FALSE(client.HasBytes());
+    ASSERT_TRUE(client.Send(sRecord.substr(sRecord.size() - 20)));
+    CReply reply = client.ReceiveReply();
+    ASSERT_TRUE(reply.IsSuccess(53));
+    EXPECT_EQ(reply.Word(), sData.size());
+    EXPECT_TRUE(client.IsOtherwiseSilent(PROG, 1));
+    EXPECT_FALSE(m_Log.Contains("Skipped"));
+}
+
+TEST_F(RpcServerRecordsTest, CallInsideTheDataOfATruncatedRecord_IsNotTheNextCall)
+{
+    // The record is whole but claims one byte more; what lies inside it stays data, and the search
+    // starts behind it.
+    const std::string sInner = EchoCall(1, 54).Record();
+    const std::string sArguments =
+        CXdr().Word(static_cast<uint32_t>(sInner.size()) + 4).Raw(sInner).Bytes();
+    CTcpClient client(PORT);
+    ASSERT_TRUE(client.Send(FakeCall(FAKE_OPAQUE, 55, sArguments).Record() +
+                            EchoCall(2, 56).Record()));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(55));
+    ASSERT_TRUE(client.Send(EchoCall(3, 57).Record()));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(56));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(57));
+    EXPECT_TRUE(client.IsOtherwiseSilent(PROG, 1));
+}
+
+// ---- Headers that are cut short ----
+
+TEST_F(RpcServerRecordsTest, CredentialBeyondTheRecord_IsATruncatedRequest)
+{
+    for (const uint32_t iLength : {4U, 400U, 0x7FFFFFFFU, 0xFFFFFFFCU, 0xFFFFFFFFU}) {
+        m_Log.Clear();
+        std::string sRecord = FakeCall(FAKE_ECHO, 60).Record();
+        PutWord(&sRecord, 32, iLength);
+        // Verifier flavor and length are what is left, and the program takes a word for its own.
+        sRecord.resize(36);
+        PutWord(&sRecord, 0, RECORD_MARK_LAST | 32);
+        CTcpClient client(PORT);
+        ASSERT_TRUE(client.Send(sRecord + std::string(8, '\0')));
+        ASSERT_TRUE(m_Log.WaitFor("error|127.0.0.1|[RpcServer.Process] Data is truncated.Missing "))
+            << iLength;
+        EXPECT_TRUE(client.IsConnected());
+    }
+    EXPECT_TRUE(CTcpClient(PORT).Call(EchoCall(1, 61)).IsSuccess(61));
+}
+
+TEST_F(RpcServerRecordsTest, TruncatedHeader_StillReachesTheProgram)
+{
+    // The null procedure needs no bytes and so succeeds; the echo reports the truncation itself.
+    std::string sRecord = FakeCall(FAKE_NULL, 62).Record();
+    PutWord(&sRecord, 32, 0xFFFFFFFF);
+    CTcpClient client(PORT);
+    ASSERT_TRUE(client.Send(sRecord));
+    const CReply reply = client.ReceiveReply();
+    EXPECT_TRUE(reply.IsSuccess(62));
+    EXPECT_EQ(reply.VerifierFlavor(), 0U);
+    EXPECT_EQ(m_Log.Count("error|127.0.0.1|[RpcServer.Process] Data is truncated.Missing "
+                          "4294967287 data"),
+              1U);
+
+    std::string sDatagram = FakeCall(FAKE_NULL, 63).Datagram();
+    PutWord(&sDatagram, 28, 0xFFFFFFFF);
+    CUdpClient datagramClient(PORT);
+    ASSERT_TRUE(datagramClient.Send(sDatagram));
+    EXPECT_TRUE(datagramClient.ReceiveReply().IsSuccess(63));
+}
+
+TEST_F(RpcServerRecordsTest, VerifierBeyondTheRecord_IsATruncatedRequest)
+{
+    std::string sRecord = FakeCall(FAKE_ECHO, 64).Record();
+    PutWord(&sRecord, 40, 0xFFFFFFFF);
+    CTcpClient client(PORT);
+    ASSERT_TRUE(client.Send(sRecord));
+    ASSERT_TRUE(m_Log.WaitFor("[RpcServer.SocketReceived] Output buf size(0)"));
+    EXPECT_TRUE(m_Log.Contains("error|127.0.0.1|[RpcServer.Process] Data is truncated.Missing "
+                               "4294967295 data"));
+    EXPECT_FALSE(client.HasBytes());
+}
+
+TEST_F(RpcServerRecordsTest, Errors_AreSilentWithoutTheirBit)
+{
+    m_Rpc.SetLogControl(LOG_EVERYTHING & ~LOG_CONTROL_ERROR);
+    std::string sRecord = FakeCall(FAKE_NULL, 65).Record();
+    PutWord(&sRecord, 40, 0xFFFFFFFF);
+    CTcpClient client(PORT);
+    ASSERT_TRUE(client.Send(sRecord));
+    EXPECT_TRUE(client.ReceiveReply().IsSuccess(65));
+    EXPECT_FALSE(m_Log.Contains("truncated"));
+}

@@ -1,5 +1,5 @@
-// What no client sends: calls cut short, calls with nonsense in them, noise, and clients that vanish.
-// The server answers or stays silent, and goes on serving everybody else.
+// What no client sends: calls cut short, calls with nonsense in them, noise, and clients that
+// vanish. The server answers or stays silent, and goes on serving everybody else.
 #include <algorithm>
 #include <iostream>
 #include <memory>
@@ -16,6 +16,7 @@ constexpr uint32_t NASTY_WORDS[] = {0, 1, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
 constexpr size_t FILE_SIZE = 200000;
 constexpr uint32_t READ_SIZE = 65536;
 constexpr unsigned int SEED = 20240607;
+constexpr int NOISE_ROUNDS = 2000;  // on each port
 constexpr uint32_t NULL_XID = 0x0FF0;
 
 struct NamedCall {
@@ -77,7 +78,7 @@ protected:
         AddMountCalls();
         AddPortmapCalls();
         for (const NamedCall& named : m_vCalls)
-            ASSERT_FALSE(Exchange(named.iPort, named.call.Record()).empty()) << named.pcName;
+            ASSERT_TRUE(CallOnce(named.iPort, named.call).IsReceived()) << named.pcName;
         m_pNfs.reset();
     }
 
@@ -102,14 +103,26 @@ protected:
         AddNfs("GETATTR", 1, CXdr().Opaque(m_sFile));
         // Mode, no owner, no group, size, both times, guarded.
         AddNfs("SETATTR", 2,
-               CXdr().Opaque(m_sFile).Bool(true).Word(0644).Bool(false).Bool(false).Bool(true)
-                   .Hyper(FILE_SIZE).Word(2).Word(5).Word(6).Word(1).Bool(true).Word(0).Word(0));
+               CXdr()
+                   .Opaque(m_sFile)
+                   .Bool(true)
+                   .Word(0644)
+                   .Bool(false)
+                   .Bool(false)
+                   .Bool(true)
+                   .Hyper(FILE_SIZE)
+                   .Word(2)
+                   .Word(5)
+                   .Word(6)
+                   .Word(1)
+                   .Bool(true)
+                   .Word(0)
+                   .Word(0));
         AddNfs("LOOKUP", 3, CXdr().Opaque(m_sDirectory).String("file"));
         AddNfs("ACCESS", 4, CXdr().Opaque(m_sFile).Word(0x3F));
         AddNfs("READLINK", 5, CXdr().Opaque(m_sFile));
         AddNfs("READ", 6, CXdr().Opaque(m_sFile).Hyper(0).Word(64));
-        AddNfs("WRITE", 7,
-               CXdr().Opaque(m_sFile).Hyper(8).Word(11).Word(2).Opaque("hello world"));
+        AddNfs("WRITE", 7, CXdr().Opaque(m_sFile).Hyper(8).Word(11).Word(2).Opaque("hello world"));
         AddNfs("FSSTAT", 18, CXdr().Opaque(m_sDirectory));
         AddNfs("FSINFO", 19, CXdr().Opaque(m_sDirectory));
         AddNfs("PATHCONF", 20, CXdr().Opaque(m_sDirectory));
@@ -156,8 +169,7 @@ protected:
 
     RpcCall ReadCall(uint32_t iXid) const
     {
-        RpcCall call =
-            NfsCall(6, CXdr().Opaque(m_sFile).Hyper(0).Word(READ_SIZE).Bytes());
+        RpcCall call = NfsCall(6, CXdr().Opaque(m_sFile).Hyper(0).Word(READ_SIZE).Bytes());
         call.iXid = iXid;
         return call;
     }
@@ -209,16 +221,16 @@ TEST_F(HostileInputTest, EveryCallCutAtEveryByte_Tcp_IsNotAnswered)
     EXPECT_TRUE(IsServing());
 }
 
-TEST_F(HostileInputTest, EveryCallWithACredentialCutAtEveryByte_Tcp_LeavesTheServerServing)
+TEST_F(HostileInputTest, EveryCallWithACredentialCutAtEveryByte_Tcp_IsNotAnswered)
 {
     for (const NamedCall& named : m_vCalls) {
         RpcCall call = named.call;
         call.iCredentialFlavor = AUTH_SYS;
         call.sCredential = AuthSysBody("client", 0, 0);
         const std::string sRecord = call.Record();
-        for (size_t iCut = 28; iCut < sRecord.size(); iCut += 3)
-            ExpectReplies(Exchange(named.iPort, sRecord.substr(0, iCut)));
-        ASSERT_FALSE(HasFailure()) << named.pcName;
+        for (size_t iCut = 0; iCut < sRecord.size(); iCut++)
+            ASSERT_EQ(Exchange(named.iPort, sRecord.substr(0, iCut)), "")
+                << named.pcName << " cut at " << iCut;
     }
     EXPECT_TRUE(IsServing());
 }
@@ -276,7 +288,7 @@ TEST_F(HostileInputTest, Noise_Tcp_LeavesTheServerServing)
     std::cout << "seed " << SEED << std::endl;
     std::mt19937 random(SEED);
     for (const int iPort : {WIRE_NFS_PORT, WIRE_MOUNT_PORT, WIRE_PORTMAP_PORT}) {
-        for (int iRound = 0; iRound < 400; iRound++) {
+        for (int iRound = 0; iRound < NOISE_ROUNDS; iRound++) {
             ExpectReplies(Exchange(iPort, MakeNoise(&random, m_vCalls, iPort)));
             ASSERT_FALSE(HasFailure()) << "port " << iPort << " round " << iRound;
         }
@@ -289,11 +301,10 @@ TEST_F(HostileInputTest, Noise_Udp_LeavesTheServerServing)
     std::cout << "seed " << SEED << std::endl;
     std::mt19937 random(SEED);
     for (const int iPort : {WIRE_NFS_PORT, WIRE_MOUNT_PORT, WIRE_PORTMAP_PORT}) {
-        const auto it = std::find_if(m_vCalls.begin(), m_vCalls.end(), [iPort](const auto& named) {
-            return named.iPort == iPort;
-        });
+        const auto it = std::find_if(m_vCalls.begin(), m_vCalls.end(),
+                                     [iPort](const auto& named) { return named.iPort == iPort; });
         std::vector<std::string> vDatagrams;
-        for (int iRound = 0; iRound < 400; iRound++)
+        for (int iRound = 0; iRound < NOISE_ROUNDS; iRound++)
             vDatagrams.push_back(MakeNoise(&random, m_vCalls, iPort));
         ExchangeDatagrams(*it, vDatagrams);
         ASSERT_FALSE(HasFailure()) << "port " << iPort;
@@ -309,6 +320,7 @@ TEST_F(HostileInputTest, ClientThatVanishesInTheMiddleOfARecord_IsForgotten)
             CTcpClient client(named.iPort);
             client.Send(sRecord.substr(0, iCut));
             client.Abort();
+            ASSERT_TRUE(CallOnce(named.iPort, named.call).IsReceived()) << named.pcName;
         }
     }
     EXPECT_TRUE(IsServing());

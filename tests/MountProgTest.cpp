@@ -105,8 +105,8 @@ TEST_F(MountProgTest, Mnt_Version3_YieldsHandleAndNoFlavours)
 
     char cPath[PATH_SIZE] = "";
     CRuntimeParam runtimeParam("", 0);
-    ASSERT_TRUE(m_pMain->GetUtils()->GetFilePath(&runtimeParam, sHandle.data(), cPath,
-                                                 sizeof(cPath)));
+    ASSERT_TRUE(
+        m_pMain->GetUtils()->GetFilePath(&runtimeParam, sHandle.data(), cPath, sizeof(cPath)));
     EXPECT_EQ(cPath, m_Folder.Path());
 }
 
@@ -170,8 +170,8 @@ TEST_F(MountProgTest, WithoutTheirBits_NothingIsLogged)
 TEST_F(MountProgTest, Mnt_UnknownName_IsRefused)
 {
     EXPECT_EQ(TryMount("vm2"), STATUS_ACCESS);
-    EXPECT_TRUE(m_Log.Contains(
-        "error|127.0.0.1|[MountProg.ProcedureMNT] Undefined export name \"vm2\""));
+    EXPECT_TRUE(
+        m_Log.Contains("error|127.0.0.1|[MountProg.ProcedureMNT] Undefined export name \"vm2\""));
     EXPECT_TRUE(m_Log.Contains("info|127.0.0.1|[MountProg.ProcedureMNT] Mount FAIL"));
     EXPECT_FALSE(IsHeldBy("127.0.0.1"));
 }
@@ -180,18 +180,18 @@ TEST_F(MountProgTest, Mnt_NameIsTakenExactlyAsSent)
 {
     for (const char* pcName : {"/vm1", "vm1/", "VM1", " vm1", "vm"}) {
         EXPECT_EQ(TryMount(pcName), STATUS_ACCESS) << pcName;
-        EXPECT_TRUE(
-            m_Log.Contains(std::string("Undefined export name \"") + pcName + "\"")) << pcName;
+        EXPECT_TRUE(m_Log.Contains(std::string("Undefined export name \"") + pcName + "\""))
+            << pcName;
     }
 }
 
 TEST_F(MountProgTest, Mnt_NamesOfEveryPadding_AreRead)
 {
+    CTcpClient client(WIRE_MOUNT_PORT);
     for (const char* pcName : {"a", "ab", "abc", "abcd", "abcde"}) {
         const CScratchFolder folder;
         Export(folder.Path(), pcName);
         // The call behind it shows that exactly the padding was skipped.
-        CTcpClient client(WIRE_MOUNT_PORT);
         ASSERT_TRUE(client.Send(MountCall(MOUNTPROC_MNT, Name(pcName)).Record() +
                                 MountCall(MOUNTPROC_UMNT, Name(pcName)).Record()));
         CReply reply = client.ReceiveReply();
@@ -208,8 +208,7 @@ TEST_F(MountProgTest, Mnt_EmptyName_CannotBeRead)
     const CScratchFolder folder;
     Export(folder.Path(), "");  // no export of this name can ever be mounted
     EXPECT_EQ(TryMount(""), STATUS_ACCESS);
-    EXPECT_TRUE(
-        m_Log.Contains("info|127.0.0.1|[MountProg.ProcedureMNT] Fail to read export name"));
+    EXPECT_TRUE(m_Log.Contains("info|127.0.0.1|[MountProg.ProcedureMNT] Fail to read export name"));
     EXPECT_TRUE(m_Log.Contains("[MountProg.ProcedureMNT] Mount FAIL"));
 }
 
@@ -231,8 +230,7 @@ TEST_F(MountProgTest, Mnt_NameOf4096Bytes_IsRefusedAtItsLength)
     CReply reply = client.Call(MountCall(MOUNTPROC_MNT, Name(sName)));
     ASSERT_TRUE(reply.IsSuccess(1));
     EXPECT_EQ(reply.Word(), STATUS_ACCESS);
-    EXPECT_TRUE(
-        m_Log.Contains("info|127.0.0.1|[MountProg.ProcedureMNT] Fail to read export name"));
+    EXPECT_TRUE(m_Log.Contains("info|127.0.0.1|[MountProg.ProcedureMNT] Fail to read export name"));
 
     // Its bytes were not consumed: the search for the next call runs over them.
     EXPECT_TRUE(client.IsOtherwiseSilent(WIRE_MOUNT_PROG, 3));
@@ -271,8 +269,8 @@ TEST_F(MountProgTest, Mnt_ShortName_WaitsForTheRest)
     CTcpClient client(WIRE_MOUNT_PORT);
     ASSERT_TRUE(client.Send(sRecord.substr(0, sRecord.size() - 1)));
     ASSERT_TRUE(m_Log.WaitFor("[RpcServer.SocketReceived] Output buf size(0)"));
-    EXPECT_TRUE(m_Log.Contains(
-        "error|127.0.0.1|[MountProg.Process] Data is truncated.Missing 1 data"));
+    EXPECT_TRUE(
+        m_Log.Contains("error|127.0.0.1|[MountProg.Process] Data is truncated.Missing 1 data"));
     EXPECT_FALSE(client.HasBytes());
     EXPECT_FALSE(IsHeldBy("127.0.0.1"));
     ASSERT_TRUE(client.Send(sRecord.substr(sRecord.size() - 1)));
@@ -394,13 +392,12 @@ TEST_F(MountProgObjectTest, Mnt_WithoutRemoteAddress_Fails)
 {
     char cReason[REASON_SIZE] = "";
     LogArgu logArgu = {"test"};
-    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_RuntimeParam, &logArgu, "/nowhere", "vm1", "",
-                                         cReason));
+    ASSERT_TRUE(
+        m_Utilities.AddMountInfo(&m_RuntimeParam, &logArgu, "/nowhere", "vm1", "", cReason));
     CMountProg prog(&m_Utilities);
     EXPECT_EQ(Process(&prog, MOUNTPROC_MNT, "", Name("vm1")), PRC_OK);
     EXPECT_EQ(m_sResults, CXdr().Word(STATUS_ACCESS).Bytes());
-    EXPECT_TRUE(
-        m_Log.Contains("info|caller|[MountProg.ProcedureMNT] Fail to get remote address"));
+    EXPECT_TRUE(m_Log.Contains("info|caller|[MountProg.ProcedureMNT] Fail to get remote address"));
     EXPECT_FALSE(m_Log.Contains("Fail to read export name"));
 
     // Both tests run.

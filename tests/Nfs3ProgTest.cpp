@@ -132,8 +132,8 @@ TEST_F(Nfs3Prog, UnknownProcedure_IsNotImplemented)
         m_recorder.Clear();
         EXPECT_EQ(Process(iProc, Words({1, 2, 3})), "");
         EXPECT_EQ(m_iResult, PRC_NOTIMP) << iProc;
-        EXPECT_EQ(m_recorder.Lines(), (Lines{"info|host|[Nfs3Prog.Process]",
-                                             "info|host|[Nfs3Prog.ProcedureNOIMP]"}));
+        EXPECT_EQ(m_recorder.Lines(),
+                  (Lines{"info|host|[Nfs3Prog.Process]", "info|host|[Nfs3Prog.ProcedureNOIMP]"}));
     }
 }
 
@@ -162,8 +162,7 @@ TEST_F(Nfs3Prog, EveryProcedure_WritesItsNameAndItsStatus)
         EXPECT_EQ(Process(procedure.iProc, sHandle + procedure.sRest).size(), sResults.size());
         const Lines vLines = m_recorder.Lines();
         ASSERT_FALSE(vLines.empty()) << sLabel;
-        EXPECT_NE(vLines.back().find(sLabel + " End stat=" +
-                                     std::to_string(GetWord(sResults, 0))),
+        EXPECT_NE(vLines.back().find(sLabel + " End stat=" + std::to_string(GetWord(sResults, 0))),
                   std::string::npos)
             << vLines.back();
         for (const std::string& sLine : vLines)
@@ -195,19 +194,17 @@ TEST_F(Nfs3Prog, Frame_LinesOfAWholeCall)
     const std::string sLabel = "[Nfs3Prog.ProcedureGETATTR]";
     char cMode[16];
     snprintf(cMode, sizeof(cMode), "%x", info.st_mode & 0777);
-    EXPECT_EQ(
-        m_recorder.Lines(),
-        (Lines{"info|host|[Nfs3Prog.Process]", "info|host|" + sLabel,
-               "info|host|" + sLabel + " Path = " + sPath,
-               "info|vm1|" + sLabel + " Path=" + sPath + ", type=1, mode=" + cMode +
-                   ", nlink=1, uid=0, gid=0, size=5, used=5, rdev.1=" +
-                   std::to_string(info.st_dev >> 8 & 0xFF) +
-                   ", rdev.2=" + std::to_string(info.st_dev & 0xFFFF00FF) +
-                   ", fsid=" + std::to_string(fileSystem.f_fsid) +
-                   ", atime.s=" + std::to_string(info.st_atime) + ", atime.ns=0, mtime.s=" +
-                   sTime + ", mtime.ns=0, ctime.s=" + std::to_string(info.st_ctime) +
-                   ", ctime.ns=0",
-               "info|vm1|" + sLabel + " End stat=0"}));
+    EXPECT_EQ(m_recorder.Lines(),
+              (Lines{"info|host|[Nfs3Prog.Process]", "info|host|" + sLabel,
+                     "info|host|" + sLabel + " Path = " + sPath,
+                     "info|vm1|" + sLabel + " Path=" + sPath + ", type=1, mode=" + cMode +
+                         ", nlink=1, uid=0, gid=0, size=5, used=5, rdev.1=" +
+                         std::to_string(info.st_dev >> 8 & 0xFF) +
+                         ", rdev.2=" + std::to_string(info.st_dev & 0xFFFF00FF) +
+                         ", fsid=" + std::to_string(fileSystem.f_fsid) + ", atime.s=" +
+                         std::to_string(info.st_atime) + ", atime.ns=0, mtime.s=" + sTime +
+                         ", mtime.ns=0, ctime.s=" + std::to_string(info.st_ctime) + ", ctime.ns=0",
+                     "info|vm1|" + sLabel + " End stat=0"}));
 }
 
 TEST_F(Nfs3Prog, RequestCutAnywhere_IsTruncatedAndLeavesNoReply)
@@ -264,7 +261,7 @@ TEST_F(Nfs3Prog, OtherException_Fails)
 TEST_F(Nfs3Prog, UnknownHandle_IsRefusedByEveryProcedure)
 {
     m_param.SetLogControl(LOG_CONTROL_ERROR);
-    const std::string HANDLES[] = {MakeHandle(77), MakeHandle(0xFFFFFFFF), MakeHandle(1 << 31),
+    const std::string HANDLES[] = {MakeHandle(77), MakeHandle(0xFFFFFFFF), MakeHandle(1U << 31),
                                    "abc", ""};
     for (const ObjectProcedure& procedure : OBJECT_PROCEDURES) {
         for (const std::string& sHandle : HANDLES) {
@@ -379,8 +376,7 @@ TEST_F(Nfs3Prog, AppendFilePath_StaysWithinItsBuffer)
         EXPECT_EQ(pcPath, sJoined);  // cut
         EXPECT_EQ(sBuffer.back(), '#');
     }
-    EXPECT_TRUE(
-        CNfs3Prog::AppendFilePath(sDir.c_str(), std::string(2047, 'n').c_str(), pcPath));
+    EXPECT_TRUE(CNfs3Prog::AppendFilePath(sDir.c_str(), std::string(2047, 'n').c_str(), pcPath));
     EXPECT_EQ(pcPath, sJoined);
 }
 
@@ -483,8 +479,11 @@ TEST_F(Nfs3Prog, Attributes_OwnerIsTheFilesOwn)
 TEST_F(Nfs3Prog, Attributes_StickyBitIsNotShownAndSetIDBitsAre)
 {
     const std::string sPath = m_folder.Write("file", "");
-    for (const auto& [iMode, iShown] : {std::pair{01755U, 0755U}, {04755U, 04755U},
-                                        {02755U, 02755U}, {07777U, 06777U}, {0U, 0U}}) {
+    for (const auto& [iMode, iShown] : {std::pair{01755U, 0755U},
+                                        {04755U, 04755U},
+                                        {02755U, 02755U},
+                                        {07777U, 06777U},
+                                        {0U, 0U}}) {
         ASSERT_EQ(chmod(sPath.c_str(), iMode), 0);
         EXPECT_EQ(GetAttribute(sPath, WORD_MODE), iShown);
     }
@@ -514,11 +513,11 @@ TEST_F(Nfs3Prog, Attributes_OfFoldersLinksPipesAndSockets)
     struct sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     ASSERT_LT(sSocket.size(), sizeof(address.sun_path));
-    strcpy(address.sun_path, sSocket.c_str());
+    CopyText(address.sun_path, sizeof(address.sun_path), sSocket.c_str());
     ASSERT_EQ(bind(socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
 
-    for (const auto& [sPath, iType] : {std::pair{sFolder, 2U}, {sLink, 5U}, {sSocket, 6U},
-                                       {sPipe, 7U}}) {
+    for (const auto& [sPath, iType] :
+         {std::pair{sFolder, 2U}, {sLink, 5U}, {sSocket, 6U}, {sPipe, 7U}}) {
         EXPECT_EQ(GetAttribute(sPath, WORD_TYPE), iType) << sPath;
         if (iType != 5) {  // the file system of a dangling link cannot be asked by its path
             EXPECT_EQ(ToHex(GetAttributes(sPath)), ToHex(AttributesOf(sPath))) << sPath;
@@ -543,7 +542,7 @@ TEST_F(Nfs3Prog, Attributes_OfDevices_SplitTheirNumber)
                  {"wide", S_IFCHR | 0600, makedev(0x123, 0x45678), 4, 0x23, 0x45610078}};
     for (const auto& [pcName, iMode, iDevice, iType, iSpec1, iSpec2] : CASES) {
         const std::string sPath = m_folder.Path(pcName);
-        ASSERT_EQ(mknod(sPath.c_str(), iMode, iDevice), 0) << strerror(errno);
+        ASSERT_EQ(mknod(sPath.c_str(), iMode, iDevice), 0) << errno;
         EXPECT_EQ(GetAttribute(sPath, WORD_TYPE), iType);
         EXPECT_EQ(GetAttribute(sPath, WORD_RDEV), iSpec1);
         EXPECT_EQ(GetAttribute(sPath, WORD_RDEV + 1), iSpec2);
@@ -575,8 +574,7 @@ TEST_F(Nfs3Prog, UnreadableAttributes_FailGetattrFsstatAndFsinfo)
     EXPECT_EQ(Process(19, sHandle), Words({5, 0}));
     // What only adds them goes on without them.
     EXPECT_EQ(Process(4, sHandle + Words({0x3F})), Words({0, 0, 0x3F}));
-    const std::string sArguments =
-        HandleArgument(m_folder.Path()) + CXdr().String("file").Bytes();
+    const std::string sArguments = HandleArgument(m_folder.Path()) + CXdr().String("file").Bytes();
     EXPECT_EQ(Process(3, sArguments), Words({0}) + sHandle + Words({0, 0}));
 }
 
@@ -598,29 +596,6 @@ TEST_F(Nfs3Prog, SkippedHandle_WithAnExportOfTheEmptyPath_IsAnswered)
     EXPECT_EQ(ToHex(Process(5, sHandle)), ToHex(Words({0, 0, 0})));
     EXPECT_EQ(ToHex(Process(20, sHandle)), ToHex(Words({0, 0, 0, 255, 0, 1, 1, 1})));
     EXPECT_EQ(ToHex(Process(21, sHandle + Words({0, 0, 0}))), ToHex(Words({0, 0, 0, 0, 0})));
-}
-
-TEST_F(Nfs3Prog, Front_BeforeTheFirstCall_TakesAnyVersionAndRefusesOthers)
-{
-    CNfsProg front(&m_utilities);
-    EXPECT_EQ(front.GetVersion(), 0xFFFFFFFFU);
-    EXPECT_EQ(front.GetMaxSupportProc(), 0xFFFFFFFFU);
-    for (const uint32_t iVersion : {0U, 2U, 4U, 0xFFFFFFFFU}) {
-        EXPECT_EQ(Process(&front, 0, "", iVersion), "");
-        EXPECT_EQ(m_iResult, PRC_NOTIMP) << iVersion;
-    }
-    EXPECT_EQ(front.GetVersion(), 0xFFFFFFFFU);  // a refused call makes no program
-}
-
-TEST_F(Nfs3Prog, Front_FromTheFirstCallOn_SpeaksForVersion3)
-{
-    CNfsProg front(&m_utilities);
-    Process(&front, 0, "");
-    EXPECT_EQ(m_iResult, PRC_OK);
-    EXPECT_EQ(front.GetVersion(), 3U);
-    EXPECT_EQ(front.GetMaxSupportProc(), 22U);
-    Process(&front, 0, "", 2);
-    EXPECT_EQ(m_iResult, PRC_NOTIMP);
 }
 
 TEST_F(Nfs3Prog, Front_PassesReadOnlyOn)

@@ -26,7 +26,8 @@ void ReadHex(std::string_view sHex, Record* pRecord, Flags... flags)
     EXPECT_EQ(in.GetBufferIndex(), sBytes.size());
 }
 
-template <typename Record> Record ReadHex(std::string_view sHex)
+template <typename Record>
+Record ReadHex(std::string_view sHex)
 {
     Record record{};
     ReadHex(sHex, &record);
@@ -77,7 +78,10 @@ void ExpectNothingSet(const sattr3& attr)
 }
 
 template <typename T>
-concept Writable = requires(COutputStream* pOut, T value) { Write(pOut, value); };
+concept Writable = requires(COutputStream* pOut, T value)
+{
+    Write(pOut, value);
+};
 
 static_assert(Writable<bool> && Writable<uint32_t> && Writable<uint64_t> && Writable<nfsstat3>);
 static_assert(!Writable<int> && !Writable<const char*> && !Writable<const fattr3*>,
@@ -254,8 +258,8 @@ TEST(Nfs3XdrRead, CreateHow_CarriesAttributesOrTheVerifier)
 {
     const std::string sAttributes = SATTR_ALL_SET;
     for (const createmode3 mode : {UNCHECKED, GUARDED}) {
-        const auto how = ReadHex<createhow3>((mode == UNCHECKED ? "00000000" : "00000001") +
-                                             sAttributes);
+        const auto how =
+            ReadHex<createhow3>((mode == UNCHECKED ? "00000000" : "00000001") + sAttributes);
         EXPECT_EQ(how.mode, mode);
         EXPECT_TRUE(how.obj_attributes.size.set_it);
         EXPECT_EQ(how.obj_attributes.mtime.value.nseconds, 13U);
@@ -401,7 +405,8 @@ TEST(Nfs3XdrWrite, OptionalRecords_FollowTheirBool)
 {
     EXPECT_EQ(WriteHex(pre_op_attr{true, BEFORE}), std::string("00000001 ") + BEFORE_HEX);
     EXPECT_EQ(WriteHex(pre_op_attr{false, BEFORE}), "00000000");
-    EXPECT_EQ(WriteHex(post_op_attr{true, MakeAttributes()}), std::string("00000001 ") + ATTRIBUTES);
+    EXPECT_EQ(WriteHex(post_op_attr{true, MakeAttributes()}),
+              std::string("00000001 ") + ATTRIBUTES);
     EXPECT_EQ(WriteHex(post_op_attr{false, MakeAttributes()}), "00000000");
     EXPECT_EQ(WriteHex(post_op_fh3{false, {}}), "00000000");
     EXPECT_EQ(WriteHex(post_op_fh3{true, {}}), "00000001 " + WriteHex(nfs_fh3{}));

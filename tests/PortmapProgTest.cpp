@@ -95,9 +95,9 @@ TEST_F(PortmapProgTest, GetPort_Logs)
 {
     EXPECT_EQ(Ask(GetPortCall(100005)), 1058U);
     EXPECT_EQ(m_Log.Count("info|127.0.0.1|[PortmapProg.ProcedureGETPORT]"), 4U);
-    EXPECT_EQ(m_Log.Count(
-                  "info|127.0.0.1|[PortmapProg.ProcedureGETPORT] lProg = 100005, lPort = 1058"),
-              2U);
+    EXPECT_EQ(
+        m_Log.Count("info|127.0.0.1|[PortmapProg.ProcedureGETPORT] lProg = 100005, lPort = 1058"),
+        2U);
 
     m_Log.Clear();
     m_pMain->SetLogControl(LOG_EVERYTHING & ~LOG_CONTROL_PROC_FUNC_NAME);
@@ -113,8 +113,8 @@ TEST_F(PortmapProgTest, GetPort_Logs)
 
 TEST_F(PortmapProgTest, OtherProcedures_AreRefusedAndNullToo)
 {
-    for (const uint32_t iProc : {MAPPROC_NULL, MAPPROC_SET, MAPPROC_UNSET, MAPPROC_DUMP,
-                                 MAPPROC_CALLIT}) {
+    for (const uint32_t iProc :
+         {MAPPROC_NULL, MAPPROC_SET, MAPPROC_UNSET, MAPPROC_DUMP, MAPPROC_CALLIT}) {
         m_Log.Clear();
         const RpcCall call = PortmapCall(iProc, std::string(GETPORT_SIZE, '\0'));
         const CReply tcp = CallOnce(WIRE_PORTMAP_PORT, call);
@@ -143,8 +143,8 @@ TEST_F(PortmapProgTest, ShortArguments_WaitForTheRest)
     CTcpClient client(WIRE_PORTMAP_PORT);
     ASSERT_TRUE(client.Send(sRecord.substr(0, sRecord.size() - 1)));
     ASSERT_TRUE(m_Log.WaitFor("[RpcServer.SocketReceived] Output buf size(0)"));
-    EXPECT_TRUE(m_Log.Contains(
-        "error|127.0.0.1|[PortmapProg.Process] Data is truncated.Missing 1 data"));
+    EXPECT_TRUE(
+        m_Log.Contains("error|127.0.0.1|[PortmapProg.Process] Data is truncated.Missing 1 data"));
     EXPECT_FALSE(client.HasBytes());
     ASSERT_TRUE(client.Send(sRecord.substr(sRecord.size() - 1)));
     CReply reply = client.ReceiveReply();

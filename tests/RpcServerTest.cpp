@@ -218,8 +218,8 @@ TEST_F(RpcServerTest, ForeignHeader_IsSkippedWithALineIfItLooksLikely)
         uint32_t iProc;
         bool bLine;
     };
-    const Case cases[] = {{100000, 0, true},   {199999, 99, true},   {100003, 100, false},
-                          {200000, 0, false},  {99999, 0, false},    {100003, 5, true}};
+    const Case cases[] = {{100000, 0, true},  {199999, 99, true}, {100003, 100, false},
+                          {200000, 0, false}, {99999, 0, false},  {100003, 5, true}};
     for (const Case& oneCase : cases) {
         m_Log.Clear();
         RpcCall foreign = FakeCall(oneCase.iProc, 24);
@@ -270,13 +270,13 @@ TEST_F(RpcServerTest, LookForValidHeader_TooFewBytes_LeavesThePosition)
     LogArgu logArgu = {"label"};
     const std::string sRecord = FakeCall(FAKE_NULL, 1).Record();
     Fill(&in, "abc" + sRecord.substr(0, TCP_HEADER_SIZE - 1));
-    EXPECT_FALSE(m_Rpc.LookForValidHeader(&m_RuntimeParam, &logArgu, PROG, SOCKET_STREAM, &in,
-                                          &out));
+    EXPECT_FALSE(
+        m_Rpc.LookForValidHeader(&m_RuntimeParam, &logArgu, PROG, SOCKET_STREAM, &in, &out));
     EXPECT_EQ(in.GetBufferIndex(), 0U);
 
     Fill(&in, sRecord.substr(TCP_HEADER_SIZE - 1));
-    EXPECT_TRUE(m_Rpc.LookForValidHeader(&m_RuntimeParam, &logArgu, PROG, SOCKET_STREAM, &in,
-                                         &out));
+    EXPECT_TRUE(
+        m_Rpc.LookForValidHeader(&m_RuntimeParam, &logArgu, PROG, SOCKET_STREAM, &in, &out));
     EXPECT_EQ(in.GetBufferIndex(), 3U);
     EXPECT_TRUE(m_Log.Contains("[label] Skipped 3 data for next vaild header"));
 }
@@ -289,11 +289,11 @@ TEST_F(RpcServerTest, LookForValidHeader_Datagram_NeedsFortyBytes)
     const std::string sDatagram = FakeCall(FAKE_NULL, 1).Datagram();
     ASSERT_EQ(sDatagram.size(), 40U);
     Fill(&in, sDatagram.substr(0, 39));
-    EXPECT_FALSE(m_Rpc.LookForValidHeader(&m_RuntimeParam, &logArgu, PROG, SOCKET_DATAGRAM, &in,
-                                          &out));
+    EXPECT_FALSE(
+        m_Rpc.LookForValidHeader(&m_RuntimeParam, &logArgu, PROG, SOCKET_DATAGRAM, &in, &out));
     Fill(&in, sDatagram.substr(39));
-    EXPECT_TRUE(m_Rpc.LookForValidHeader(&m_RuntimeParam, &logArgu, PROG, SOCKET_DATAGRAM, &in,
-                                         &out));
+    EXPECT_TRUE(
+        m_Rpc.LookForValidHeader(&m_RuntimeParam, &logArgu, PROG, SOCKET_DATAGRAM, &in, &out));
     EXPECT_EQ(in.GetBufferIndex(), 0U);
 }
 

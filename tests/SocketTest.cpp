@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -58,8 +59,7 @@ extern "C" {
 
 __attribute__((visibility("default"))) int listen(int iSocket, int iBacklog) noexcept
 {
-    return Fails(&g_iListenError) ? -1
-                                  : static_cast<int>(syscall(SYS_listen, iSocket, iBacklog));
+    return Fails(&g_iListenError) ? -1 : static_cast<int>(syscall(SYS_listen, iSocket, iBacklog));
 }
 
 __attribute__((visibility("default"))) int accept4(int iSocket, sockaddr* pAddress,
@@ -71,9 +71,9 @@ __attribute__((visibility("default"))) int accept4(int iSocket, sockaddr* pAddre
                : static_cast<int>(syscall(SYS_accept4, iSocket, pAddress, piLength, iFlags));
 }
 
-__attribute__((visibility("default"))) ssize_t recvfrom(int iSocket, void* pBuffer,
-                                                        size_t iLength, int iFlags,
-                                                        sockaddr* pAddress, socklen_t* piLength)
+__attribute__((visibility("default"))) ssize_t recvfrom(int iSocket, void* pBuffer, size_t iLength,
+                                                        int iFlags, sockaddr* pAddress,
+                                                        socklen_t* piLength)
 {
     if (!IsTestThread() && Fails(&g_iReceiveError))
         return -1;
@@ -95,7 +95,8 @@ constexpr size_t BUFFER_SIZE = 0x100000;
 constexpr auto DEADLINE = std::chrono::seconds(20);
 
 // Waits for something that nothing announces; false if it does not come about.
-template <typename Condition> bool WaitUntil(Condition condition)
+template <typename Condition>
+bool WaitUntil(Condition condition)
 {
     const auto end = std::chrono::steady_clock::now() + DEADLINE;
     while (!condition()) {
@@ -187,8 +188,7 @@ int LocalPort(int iSocket)
 // The line that the listener answers to iLength bytes from this client.
 std::string ExpectedLine(int iSocket, size_t iLength)
 {
-    return "127.0.0.1:" + std::to_string(LocalPort(iSocket)) + " " + std::to_string(iLength) +
-           "\n";
+    return "127.0.0.1:" + std::to_string(LocalPort(iSocket)) + " " + std::to_string(iLength) + "\n";
 }
 
 bool IsServed(CTcpClient* pClient)
@@ -254,15 +254,21 @@ protected:
         ASSERT_TRUE(m_Udp.Open(PROG, PORT, &m_Utilities, cReason)) << cReason;
     }
 
-    // A client that is served, tried again as long as the place of the last one is not free yet.
+    // A client that is served, tried again only as long as the place of the last one is not free
+    // yet; null if it is not served or hears what is not meant for it.
     static std::unique_ptr<CTcpClient> ConnectServed()
     {
         std::unique_ptr<CTcpClient> pClient;
-        WaitUntil([&pClient] {
+        std::string sExpected;
+        std::string sReceived;
+        WaitUntil([&] {
             pClient = std::make_unique<CTcpClient>(PORT);
-            return IsServed(pClient.get());
+            sExpected = ExpectedLine(pClient->Socket(), 1);
+            pClient->Send("?");
+            sReceived = pClient->ReceiveRaw(sExpected.size());
+            return !pClient->WasClosed() || !sReceived.empty();
         });
-        return pClient;
+        return sReceived == sExpected ? std::move(pClient) : nullptr;
     }
 
     CLogWaiter m_Log;
@@ -314,7 +320,7 @@ TEST_F(SocketTest, ClientThatLeaves_FreesItsPlace)
     ASSERT_TRUE(IsServed(&stays));
     for (int i = 0; i < 20; i++) {
         const std::unique_ptr<CTcpClient> pClient = ConnectServed();
-        ASSERT_TRUE(pClient->IsConnected());
+        ASSERT_TRUE(pClient != nullptr);
         if (i % 2 == 0)
             pClient->Abort();
     }
@@ -340,6 +346,7 @@ TEST_F(SocketTest, ReusedPlace_StartsWithoutUnsentOutput)
     ASSERT_TRUE(WaitUntil([this] { return m_Listener.m_iReceived > 0; }));
     first.Close();
     const std::unique_ptr<CTcpClient> pSecond = ConnectServed();
+    ASSERT_TRUE(pSecond != nullptr);
     EXPECT_FALSE(pSecond->HasBytes());
 }
 
@@ -542,9 +549,8 @@ TEST_F(SocketTest, AcceptWithoutDescriptors_NeitherSpinsNorEnds)
         address.sin_port = htons(PORT);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         // The system completes the connection; only the server cannot take it.
-        ASSERT_EQ(connect(client.Get(), reinterpret_cast<const sockaddr*>(&address),
-                          sizeof(address)),
-                  0);
+        ASSERT_EQ(
+            connect(client.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
         ASSERT_TRUE(WaitUntil([] { return g_iAccepts >= 4; }));
     }
     // It tried again, but not without a pause: three of them took their time.
@@ -607,8 +613,7 @@ TEST_F(SocketTest, ConnectionWithDescriptorZero_IsTurnedAwayAndTheNextOneServed)
     address.sin_family = AF_INET;
     address.sin_port = htons(PORT);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(client.Get(), reinterpret_cast<const sockaddr*>(&address),
-                      sizeof(address)),
+    ASSERT_EQ(connect(client.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
               0);
     char cByte = 0;
     EXPECT_EQ(recv(client.Get(), &cByte, 1, 0), 0);
@@ -629,8 +634,7 @@ TEST_F(SocketTest, Datagram_IsAnsweredToItsSender)
     address.sin_family = AF_INET;
     address.sin_port = htons(PORT);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(client.Get(), reinterpret_cast<const sockaddr*>(&address),
-                      sizeof(address)),
+    ASSERT_EQ(connect(client.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
               0);
     for (const size_t iLength : {1U, 5U, 1U}) {
         ASSERT_EQ(send(client.Get(), "?????", iLength, 0), static_cast<ssize_t>(iLength));

@@ -11,7 +11,8 @@ namespace {
 constexpr unsigned int BUFFER_SIZE = 0x100000;
 
 // The text of what a read throws; empty if it throws nothing.
-template <typename ReadSomething> std::string CatchTruncation(ReadSomething readSomething)
+template <typename ReadSomething>
+std::string CatchTruncation(ReadSomething readSomething)
 {
     try {
         readSomething();
@@ -29,8 +30,7 @@ protected:
     // What is left to read.
     std::string Unread() const
     {
-        return {reinterpret_cast<const char*>(m_in.GetCurrentBuffer()),
-                m_in.GetFilledBufferSize()};
+        return {reinterpret_cast<const char*>(m_in.GetCurrentBuffer()), m_in.GetFilledBufferSize()};
     }
 
     CInputStream m_in;

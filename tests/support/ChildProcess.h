@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
+#include <utmp.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -182,10 +183,10 @@ private:
     }
 
     const Channel m_Channel;
-    pid_t m_iPid = -1;      // -1 once it is reaped
-    CAutoFd m_Input;        // what we write to the program
-    CAutoFd m_Output;       // what it writes to us
-    CAutoFd m_ChildInput;   // the program's ends of the pipes, until it has them
+    pid_t m_iPid = -1;     // -1 once it is reaped
+    CAutoFd m_Input;       // what we write to the program
+    CAutoFd m_Output;      // what it writes to us
+    CAutoFd m_ChildInput;  // the program's ends of the pipes, until it has them
     CAutoFd m_ChildOutput;
     CAutoFd m_Terminal;
     std::string m_sOutput;  // read, but not yet asked for

@@ -29,9 +29,8 @@ public:
     bool WaitFor(const std::string& sText, size_t iCount = 1)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        return m_Changed.wait_for(lock, std::chrono::seconds(20), [this, &sText, iCount] {
-            return Count(sText) >= iCount;
-        });
+        return m_Changed.wait_for(lock, std::chrono::seconds(20),
+                                  [this, &sText, iCount] { return Count(sText) >= iCount; });
     }
 
 private:

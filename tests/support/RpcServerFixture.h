@@ -29,9 +29,9 @@ constexpr unsigned int BIG_REPLY_SIZE = 500000;
 
 enum FakeProcedure : uint32_t {
     FAKE_NULL = 0,
-    FAKE_ECHO = 1,        // one word back
-    FAKE_FAIL = 2,        // writes results, then fails
-    FAKE_NOTIMP = 3,      // likewise, then refuses
+    FAKE_ECHO = 1,    // one word back
+    FAKE_FAIL = 2,    // writes results, then fails
+    FAKE_NOTIMP = 3,  // likewise, then refuses
     FAKE_THROW = 4,
     FAKE_CONTEXT = 5,     // what it was called with
     FAKE_OPAQUE = 6,      // the length of an opaque

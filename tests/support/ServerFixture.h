@@ -29,6 +29,7 @@ protected:
             m_pMain->StopServer();
             m_pMain->Terminate();
         }
+        m_pMain.reset();
     }
 
     void Start(int iLogControl, bool bReadOnly)
@@ -91,7 +92,8 @@ protected:
         return reply;
     }
 
-    // The handle that LOOKUP gives for a name in a directory; empty, with a failure, if it does not.
+    // The handle that LOOKUP gives for a name in a directory; empty, with a failure, if it does
+    // not.
     std::string Lookup(const std::string& sDirectoryHandle, const std::string& sName)
     {
         CReply reply = Call(3, CXdr().Opaque(sDirectoryHandle).String(sName).Bytes());

@@ -42,11 +42,10 @@ int Connect(int iType, int iPort, const char* pcSourceAddress)
         const int iOn = 1;
         setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof(iOn));
     }
-    const bool bDone =
-        bind(socket.Get(), reinterpret_cast<const struct sockaddr*>(&source), sizeof(source)) ==
-            0 &&
-        connect(socket.Get(), reinterpret_cast<const struct sockaddr*>(&server),
-                sizeof(server)) == 0;
+    const bool bDone = bind(socket.Get(), reinterpret_cast<const struct sockaddr*>(&source),
+                            sizeof(source)) == 0 &&
+                       connect(socket.Get(), reinterpret_cast<const struct sockaddr*>(&server),
+                               sizeof(server)) == 0;
     return bDone ? socket.Release() : -1;
 }
 
@@ -206,8 +205,7 @@ CTcpClient::CTcpClient(int iPort, const char* pcSourceAddress)
 bool CTcpClient::Send(std::string_view sBytes)
 {
     while (!sBytes.empty()) {
-        const ssize_t iSent =
-            send(m_Socket.Get(), sBytes.data(), sBytes.size(), MSG_NOSIGNAL);
+        const ssize_t iSent = send(m_Socket.Get(), sBytes.data(), sBytes.size(), MSG_NOSIGNAL);
         if (iSent <= 0)
             return false;
         sBytes.remove_prefix(static_cast<size_t>(iSent));

@@ -76,7 +76,8 @@ struct RpcCall {
 // The body of an AUTH_SYS credential: stamp 0, machine name, IDs, no further groups.
 std::string AuthSysBody(std::string_view sMachine, uint32_t iUid, uint32_t iGid);
 
-// A received reply, read from front to back. A read past its end is a test failure and yields zeros.
+// A received reply, read from front to back. A read past its end is a test failure and yields
+// zeros.
 class CReply {
 public:
     CReply() = default;                      // nothing was received

@@ -84,8 +84,11 @@ public:
     void WaitForRounds()
     {
         const long iStart = CountRests();
-        while (CountRests() < iStart + 5)
+        long iNow = iStart;
+        while (iNow != -1 && iNow < iStart + 5) {
             sched_yield();
+            iNow = CountRests();
+        }
     }
 
 private:
@@ -94,11 +97,14 @@ private:
     {
         std::ifstream status("/proc/" + std::to_string(Pid()) + "/status");
         std::string sLine;
-        while (std::getline(status, sLine))
+        while (std::getline(status, sLine)) {
+            if (sLine.starts_with("State:") && sLine.find('Z') != std::string::npos)
+                break;
             if (sLine.starts_with("voluntary_ctxt_switches:"))
                 return std::stol(sLine.substr(sLine.find(':') + 1));
+        }
         ADD_FAILURE() << "The program has ended";
-        return 1L << 30;
+        return -1;
     }
 
     std::string m_sGreeting;

@@ -118,11 +118,11 @@ TEST_F(Nfs3ProgLookup, Getattr_UnderARemovedExport_IsAnIoError)
     EXPECT_EQ(Results(GETATTR, RootArgument()), Words({5}));
 }
 
-TEST_F(Nfs3ProgLookup, Setattr_OfMode_DropsTheStickyBit)
+TEST_F(Nfs3ProgLookup, Setattr_OfMode_SetsItAsSent)
 {
     m_Folder.Write("file", "x");
     EXPECT_EQ(Results(SETATTR, HandleArgument("file") + SetMode(07751) + NO_GUARD), SET_DONE);
-    EXPECT_EQ(GetMode("file"), 06751U);
+    EXPECT_EQ(GetMode("file"), 07751U);
     EXPECT_TRUE(m_Log.Contains("[Nfs3Prog.ProcedureSETATTR] Guard check: 0, time: 0"));
     EXPECT_TRUE(m_Log.Contains("info|vm1|[Nfs3Prog.ProcedureSETATTR] End stat=0"));
 }
@@ -157,7 +157,7 @@ TEST_F(Nfs3ProgLookup, Setattr_PassesEveryValueOn)
     EXPECT_EQ(Results(SETATTR, HandleArgument("file") + sAll + NO_GUARD), SET_DONE);
     EXPECT_TRUE(m_Log.Contains(
         "[Nfs3Prog.ProcedureSETATTR] Update file attributes, path=" + sPath +
-        ", set_mode=1, mode=420, set_uid=1, uid=7, set_gid=1, gid=8, set_size=1, size=9, "
+        ", set_mode=1, mode=33188, set_uid=1, uid=7, set_gid=1, gid=8, set_size=1, size=9, "
         "set_atime=1, atime.sec=10, atime.nsec=11, set_mtime=1, mtime.sec=12, mtime.nsec=13"));
 }
 

@@ -101,12 +101,14 @@ TEST_F(RpcServerRecordsTest, CallSplitInsideItsCredential_DoesNotTakeItForArgume
     call.iCredentialFlavor = AUTH_SYS;
     call.sCredential = AuthSysBody("client", 1000, 1000);
     const std::string sRecord = call.Record();
+    const size_t iHeader = TCP_HEADER_SIZE + call.sCredential.size();
     CTcpClient client(PORT);
     for (size_t iCut = TCP_HEADER_SIZE; iCut < sRecord.size(); iCut++) {
         m_Log.Clear();
         ASSERT_TRUE(client.Send(sRecord.substr(0, iCut)));
         ASSERT_TRUE(m_Log.WaitFor("[RpcServer.SocketReceived] Output buf size(")) << iCut;
         ASSERT_TRUE(m_Log.Contains("[RpcServer.SocketReceived] Output buf size(0)")) << iCut;
+        ASSERT_EQ(m_Prog.m_iArguments, iCut < iHeader ? 0 : iCut - iHeader) << iCut;
         ASSERT_TRUE(client.Send(sRecord.substr(iCut)));
         ExpectOnlyEcho(&client, 0xBEEF, 30);
     }

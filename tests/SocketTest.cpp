@@ -468,6 +468,17 @@ TEST_F(SocketTest, Open_ListenFails_FailsWithReasonAndLeavesNothing)
     OpenTcp();
 }
 
+TEST_F(SocketTest, Open_NumberThatIsNoPort_FailsWithReason)
+{
+    for (const int iPort : {-1, 0x10000}) {
+        char cReason[REASON_SIZE] = "";
+        EXPECT_FALSE(m_Tcp.Open(PROG, iPort, 10, &m_Utilities, cReason));
+        EXPECT_STREQ(cReason, "Fail to bind server socket. Invalid argument (22)");
+        EXPECT_FALSE(m_Udp.Open(PROG, iPort, &m_Utilities, cReason));
+        EXPECT_STREQ(cReason, "Fail to bind datagram socket. Invalid argument (22)");
+    }
+}
+
 TEST_F(SocketTest, Open_Again_ReplacesTheListener)
 {
     OpenTcp(1);
@@ -722,6 +733,7 @@ TEST_F(SocketTest, ClosedSocket_IsInactiveAndSendsNothing)
     connection.GetOutputStream()->Write("text", 4);
     connection.Send();
     EXPECT_EQ(connection.GetOutputStream()->GetBufferSize(), 4U);
+    EXPECT_FALSE(connection.Flush());
     EXPECT_FALSE(connection.Open(-1, &m_Listener, nullptr));
     EXPECT_FALSE(connection.IsActive());
     connection.Close();

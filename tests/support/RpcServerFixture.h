@@ -49,6 +49,7 @@ public:
     int Process(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam) override
     {
         m_iCalls++;
+        m_iArguments = pIn->GetFilledBufferSize();
         try {
             return Answer(pIn, pOut, pParam);
         } catch (const CDataTruncatedExpt&) {
@@ -61,6 +62,7 @@ public:
     std::atomic<unsigned int> m_iVersion = ANY_VERSION;
     std::atomic<unsigned int> m_iMaxProc = ANY_PROCEDURE;
     std::atomic<int> m_iCalls = 0;
+    std::atomic<unsigned int> m_iArguments = 0;  // bytes that the last call found
 
 private:
     int Answer(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam)

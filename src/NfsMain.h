@@ -176,7 +176,7 @@ private:
     bool OpenListeners(int iMountPort, int iNfsPort, char* pcReason) REQUIRES(m_hMutexServer);
     bool OpenSockets(SocketIndex index, int iProg, int iPort, int iMaxNum, char* pcSocketReason)
         REQUIRES(m_hMutexServer);
-    bool RegisterPrograms() REQUIRES(m_hMutexServer);
+    bool RegisterPrograms(char* pcReason) REQUIRES(m_hMutexServer);
     void StopAll() REQUIRES(m_hMutexServer);
 
     std::unique_ptr<CRuntimeParam> m_pRuntimeParam;  // owned

@@ -76,7 +76,8 @@ bool CNfsMain::StartAll(int iMountPort, int iNfsPort, unsigned int iUid, unsigne
     m_pNfsProg->SetReadOnly(bReadOnly);
 
     CreateSockets();
-    return OpenListeners(iMountPort, iNfsPort, pcReason) && (!bExternal || RegisterPrograms());
+    return OpenListeners(iMountPort, iNfsPort, pcReason) &&
+           (!bExternal || RegisterPrograms(pcReason));
 }
 
 void CNfsMain::CreatePrograms()
@@ -157,22 +158,31 @@ bool CNfsMain::OpenListeners(int iMountPort, int iNfsPort, char* pcReason)
     return true;
 }
 
-// Both are tried, whatever becomes of the first.
-bool CNfsMain::RegisterPrograms()
+// Both are tried, whatever becomes of the first. The reason names the first that failed.
+bool CNfsMain::RegisterPrograms(char* pcReason)
 {
-    char cReason[REASON_SIZE] = "";
+    char cError[REASON_SIZE] = "";
     const bool bNfs =
-        m_pPortmap->Register(PROG_NFS, NFS_V3, m_Sockets[SOCKETS_NFS].pServerSocket.get(), cReason);
-    if (!bNfs && HasFileLogger())
-        m_pUtilities->LogError(m_pRuntimeParam.get(),
-                               "Fail to register NFS daemon to external portmapper. Reason=%s",
-                               cReason);
+        m_pPortmap->Register(PROG_NFS, NFS_V3, m_Sockets[SOCKETS_NFS].pServerSocket.get(), cError);
+    if (!bNfs) {
+        if (HasFileLogger())
+            m_pUtilities->LogError(m_pRuntimeParam.get(),
+                                   "Fail to register NFS daemon to external portmapper. Reason=%s",
+                                   cError);
+        FormatReason(pcReason, "Fail to register NFS daemon to external portmapper. Reason=%s",
+                     cError);
+    }
     const bool bMount = m_pPortmap->Register(PROG_MOUNT, MOUNT_V3,
-                                             m_Sockets[SOCKETS_MOUNT].pServerSocket.get(), cReason);
-    if (!bMount && HasFileLogger())
-        m_pUtilities->LogError(m_pRuntimeParam.get(),
-                               "Fail to register Mount daemon to external portmapper. Reason=%s",
-                               cReason);
+                                             m_Sockets[SOCKETS_MOUNT].pServerSocket.get(), cError);
+    if (!bMount) {
+        if (HasFileLogger())
+            m_pUtilities->LogError(
+                m_pRuntimeParam.get(),
+                "Fail to register Mount daemon to external portmapper. Reason=%s", cError);
+        if (bNfs)
+            FormatReason(pcReason,
+                         "Fail to register Mount daemon to external portmapper. Reason=%s", cError);
+    }
     return bNfs && bMount;
 }
 

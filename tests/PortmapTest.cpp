@@ -620,4 +620,7 @@ TEST_F(PortmapServer, Start_RegistrationFails_WithoutALogFileIsSilent)
     Make(LOG_CONTROL_ERROR);
     EXPECT_FALSE(Start());
     EXPECT_EQ(m_recorder.Lines(), Lines{});
+    EXPECT_STREQ(m_cReason, "Fail to register NFS daemon to external portmapper. Reason=Fail to "
+                            "register socket for port 2050. Reason=Unable to register UDP for "
+                            "100003 ver=3");
 }

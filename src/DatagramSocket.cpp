@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <netinet/in.h>
+#include <new>
 #include <sys/socket.h>
 
 #include "AutoFd.h"
@@ -29,12 +30,17 @@ bool CDatagramSocket::Open(unsigned long lProgId, int iPort, CUtilities* pUtilit
         FormatReason(pcReason, "Fail to bind datagram socket. %s", cError);
         return false;
     }
-    m_pSocket = std::make_unique<CSocket>(SOCKET_DATAGRAM, lProgId);
-    if (m_pSocket->Open(endpoint.Release(), m_pListener, nullptr))
-        return true;
-    pUtilities->GetLastErrorText(cError, errno);
-    FormatReason(pcReason, "Fail to create datagram socket. %s", cError);
+    int iError = ENOMEM;
+    try {
+        m_pSocket = std::make_unique<CSocket>(SOCKET_DATAGRAM, lProgId);
+        if (m_pSocket->Open(endpoint.Release(), m_pListener, nullptr))
+            return true;
+        iError = errno;
+    } catch (const std::bad_alloc&) {  // its streams are large
+    }
     Close();
+    pUtilities->GetLastErrorText(cError, iError);
+    FormatReason(pcReason, "Fail to create datagram socket. %s", cError);
     return false;
 }
 

@@ -2,8 +2,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <string>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include "ConsoleUtilities.h"
 #include "Text.h"
@@ -16,6 +18,11 @@ void PrepareProcess()
 {
     signal(SIGPIPE, SIG_IGN);  // whoever reads our output has gone
     signal(SIGXFSZ, SIG_IGN);  // a client wrote past the limit for files: the write fails
+    // Nor may a client's socket or file get the number of a closed standard channel.
+    int iFile = open("/dev/null", O_RDWR);
+    while (iFile != -1 && iFile <= STDERR_FILENO)
+        iFile = open("/dev/null", O_RDWR);
+    close(iFile);
     struct rlimit files = {};
     if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
         files.rlim_cur = files.rlim_max;

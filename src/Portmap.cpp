@@ -46,9 +46,10 @@ int CPortmap::CreateSocket(unsigned long lPort, char* pcReason)
         FormatReason(pcReason, "Error opening socket for port %lu", lPort);
         return NO_SOCKET;
     }
+    const int iPort = lPort > 0xFFFF ? -1 : static_cast<int>(lPort);  // -1 binds to nothing
     const int iReuse = 1;
     if (setsockopt(endpoint.Get(), SOL_SOCKET, SO_REUSEADDR, &iReuse, sizeof(iReuse)) != 0 ||
-        !BindToPort(endpoint.Get(), static_cast<int>(lPort))) {
+        !BindToPort(endpoint.Get(), iPort)) {
         FormatReason(pcReason, "Error binding socket with port %lu", lPort);
         return NO_PORT;
     }

@@ -49,9 +49,13 @@ bool CServerSocket::Open(unsigned long lProgId, int nPort, int nMaxNum, CUtiliti
     m_pUtilities = pUtilities;
     if (!Listen(pcReason))
         return false;
-    m_pSockets.clear();
-    for (int i = 0; i < m_nMaxNum; i++)
-        m_pSockets.push_back(std::make_unique<CSocket>(SOCKET_STREAM, lProgId));
+    try {
+        for (int i = 0; i < m_nMaxNum; i++)
+            m_pSockets.push_back(std::make_unique<CSocket>(SOCKET_STREAM, lProgId));
+    } catch (const std::bad_alloc&) {  // their streams are large
+        m_pSockets.clear();
+        return Fail("Fail to create server socket. %s", ENOMEM, pcReason);
+    }
     return StartThread(pcReason);
 }
 

@@ -80,10 +80,11 @@ bool CSocket::Open(int iSocket, ISocketListener* pListener, const sockaddr_in* p
 
 void CSocket::Close()
 {
-    if (m_Socket != -1)
-        shutdown(m_Socket, SHUT_RDWR);  // ends a receive and a send that waits
+    // First: an endpoint that is shut down is readable all the time, and its thread would spin.
     if (m_pWakePipe != nullptr)
         m_pWakePipe->Wake();
+    if (m_Socket != -1)
+        shutdown(m_Socket, SHUT_RDWR);  // ends a receive and a send that waits
     if (m_iThreadCreated == 0)
         pthread_join(m_hThread, nullptr);
     m_iThreadCreated = -1;

@@ -78,7 +78,7 @@ int CUtilities::GetCachedFileHandleLocked(CRuntimeParam* pRuntimeParam, LogArgu*
         // entry too, and the next call tries again.
         it = m_OpenedFileHandles.try_emplace(pcPath).first;
         it->second.sPath = pcPath;
-        it->second.iTime = 0;
+        it->second.iTime = -1;
         it->second.iFile = file.Release();
     }
     TouchCachedFile(&it->second);

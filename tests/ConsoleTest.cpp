@@ -3,6 +3,7 @@
 #include <fstream>
 #include <memory>
 #include <sched.h>
+#include <sys/resource.h>
 #include <termios.h>
 
 #include <gtest/gtest.h>
@@ -159,12 +160,41 @@ bool IsServed(uint32_t iProg, int iPort)
     return CallOnce(iPort, NullCall(iProg)).IsSuccess(1);
 }
 
-uint32_t MountStatus(const char* pcName)
+CReply Mount(const char* pcName)
 {
     RpcCall call = NullCall(WIRE_MOUNT_PROG);
     call.iProc = 1;
     call.sArguments = CXdr().String(pcName).Bytes();
-    return CallOnce(WIRE_MOUNT_PORT, call).Word();
+    return CallOnce(WIRE_MOUNT_PORT, call);
+}
+
+uint32_t MountStatus(const char* pcName)
+{
+    return Mount(pcName).Word();
+}
+
+CReply CallNfs(uint32_t iProc, const CXdr& arguments)
+{
+    RpcCall call = NullCall(WIRE_NFS_PROG);
+    call.iProc = iProc;
+    call.sArguments = arguments.Bytes();
+    return CallOnce(WIRE_NFS_PORT, call);
+}
+
+// The handle of a file in an export that is mounted for it.
+std::string LookupFile(const char* pcExport, const char* pcName)
+{
+    CReply mount = Mount(pcExport);
+    EXPECT_EQ(mount.Word(), 0U);
+    CReply lookup = CallNfs(3, CXdr().Opaque(mount.Opaque()).String(pcName));
+    EXPECT_EQ(lookup.Word(), 0U);
+    return lookup.Opaque();
+}
+
+// The status of a WRITE of four bytes.
+uint32_t WriteStatus(const std::string& sFile, uint64_t iOffset)
+{
+    return CallNfs(7, CXdr().Opaque(sFile).Hyper(iOffset).Word(4).Word(2).Opaque("text")).Word();
 }
 
 }  // namespace
@@ -202,6 +232,16 @@ TEST(Console, ArgumentsBeyondTheBuffer_AreRefused)
 {
     EXPECT_EQ(RunWith({"-id", std::string(4096, 'x'), "-md", "int"}),
               (Outcome{1, "Too many arguments\n"}));
+}
+
+TEST(Console, Arguments_FillTheBufferToItsLastByte)
+{
+    // With a newline behind each of the four words.
+    const std::string sId(4095 - std::string("-md\nint\n-id\n\n").length(), 'x');
+    CConsole console({"-md", "int", "-id", sId});
+    EXPECT_EQ(console.Greeting(), GREETING);
+    console.ExpectQuit();
+    EXPECT_EQ(RunWith({"-md", "int", "-id", sId + "x"}), (Outcome{1, "Too many arguments\n"}));
 }
 
 TEST(Console, InternalMode_PrintsVersionsAndTheFirstPrompt)
@@ -384,6 +424,19 @@ TEST(Console, Start_PortTaken_ShowsTheReason)
     EXPECT_EQ(console.Type("status"), Status(false));
 }
 
+TEST(Console, Start_NumberThatIsNoPort_ShowsTheReason)
+{
+    CConsole console;
+    console.Type("debug");
+    EXPECT_EQ(console.Type("start 0=65536"),
+              "Fail to start NFS. NFS daemon failed to open port 65536\n");
+    EXPECT_EQ(console.Type("start 67585=0"),
+              "Fail to start NFS. Mount daemon failed to open port 67585\n");
+    EXPECT_EQ(console.Type("status"), Status(false));
+    ExpectPortFree(WIRE_NFS_PORT);
+    ExpectPortFree(WIRE_PORTMAP_PORT);
+}
+
 TEST(Console, Mount_ListsAndServesUntilUmount)
 {
     CScratchFolder folder;
@@ -437,6 +490,64 @@ TEST(Console, Log_TakesEffectAtOnceInARunningServer)
     EXPECT_EQ(console.Type("log 0"), "");
     EXPECT_TRUE(IsServed(WIRE_NFS_PROG, WIRE_NFS_PORT));
     EXPECT_EQ(console.Type("status"), Status(true));
+}
+
+// ---- What the system allows the program ----
+
+TEST(Console, DescriptorLimit_IsRaisedAsFarAsItGoes)
+{
+    struct rlimit saved = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    const struct rlimit low = {64, saved.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    const CConsole console;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    struct rlimit limit = {};
+    ASSERT_EQ(prlimit(console.Pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
+    EXPECT_EQ(limit.rlim_cur, saved.rlim_max);
+    EXPECT_EQ(limit.rlim_max, saved.rlim_max);
+}
+
+// The numbers 0 to 2 must not become a client's: what the program prints would go there.
+TEST(Console, StandardChannelsThatAreClosed_AreTaken)
+{
+    CChildProcess console({"/bin/sh", "-c", "exec \"$0\" -md int <&- 2>&-", CONSOLE_PROGRAM});
+    console.ReadUntil(PROMPT);
+    const std::string sFolder = "/proc/" + std::to_string(console.Pid()) + "/fd/";
+    for (const char* pcFile : {"0", "2"})
+        EXPECT_EQ(std::filesystem::read_symlink(sFolder + pcFile), "/dev/null");
+    // No number more than these; whoever runs the tests may have handed down others.
+    std::error_code none;
+    EXPECT_NE(std::filesystem::read_symlink(sFolder + "3", none), "/dev/null");
+}
+
+TEST(Console, WriteBeyondTheLimitForFiles_FailsAndTheServerGoesOn)
+{
+    const CScratchFolder folder;
+    folder.Write("file", "data");
+    CConsole console;
+    console.Type("debug");
+    console.Type("start");
+    console.Type("mount " + folder.Path() + "=vm1");
+    const std::string sFile = LookupFile("vm1", "file");
+    const struct rlimit limit = {4096, 4096};
+    ASSERT_EQ(prlimit(console.Pid(), RLIMIT_FSIZE, &limit, nullptr), 0);
+    EXPECT_EQ(WriteStatus(sFile, 0), 0U);
+    EXPECT_NE(WriteStatus(sFile, 8192), 0U);  // the system would end the process for this
+    EXPECT_EQ(WriteStatus(sFile, 0), 0U);
+    console.ExpectQuit();
+}
+
+TEST(Console, ReaderOfTheOutputGone_ServerGoesOn)
+{
+    CConsole console({"-md", "int", "-log", "12"});
+    console.Type("debug");
+    console.Type("start");
+    console.CloseOutput();
+    for (int i = 0; i < 3; i++)  // each writes lines
+        EXPECT_TRUE(IsServed(WIRE_NFS_PROG, WIRE_NFS_PORT));
+    console.Write("quit\n");
+    EXPECT_EQ(console.WaitForExit(), 0);
 }
 
 // ---- The end ----

@@ -5,7 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include "Text.h"
+
 namespace {
+
+using Names = std::set<std::string>;
 
 std::string Find(const CExportIndex& index, const std::string& sPathToCompare)
 {
@@ -121,6 +125,53 @@ TEST(ExportIndex, Clear_ForgetsAll)
     index.Add("", "all");
     index.Clear();
     EXPECT_EQ(Find(index, "/a/"), "(none)");
+}
+
+TEST(ExportIndex, GetNames_AreThoseOfJustThatFolder)
+{
+    CExportIndex index;
+    index.Add("/a", "two");
+    index.Add("/a/", "one");
+    index.Add("/a/b", "below");
+    index.Add("", "all");
+    EXPECT_EQ(index.GetNames("/a"), (Names{"one", "two"}));
+    EXPECT_EQ(index.GetNames("/a/"), (Names{"one", "two"}));
+    EXPECT_EQ(index.GetNames("/a/b"), Names{"below"});
+    EXPECT_EQ(index.GetNames(""), Names{"all"});
+    EXPECT_EQ(index.GetNames("/"), Names{});
+    EXPECT_EQ(index.GetNames("/ab"), Names{});
+    EXPECT_EQ(index.GetNames("/a/b/c"), Names{});
+}
+
+TEST(ExportIndex, GetNames_FollowsWhatIsRemoved)
+{
+    CExportIndex index;
+    index.Add("/a", "one");
+    index.Add("/a/", "two");
+    index.Remove("/a/", "one");
+    EXPECT_EQ(index.GetNames("/a"), Names{"two"});
+    index.Remove("/a", "two");
+    EXPECT_EQ(index.GetNames("/a"), Names{});
+    index.Add("/b", "three");
+    index.Clear();
+    EXPECT_EQ(index.GetNames("/b"), Names{});
+}
+
+// A path that fills a buffer has no room for a slash: nothing is appended to it here either.
+TEST(ExportIndex, LongestPath_StaysAsItIs)
+{
+    const std::string sFull = "/" + std::string(PATH_SIZE - 2, 'x');
+    const std::string sFits = "/" + std::string(PATH_SIZE - 3, 'y');
+    CExportIndex index;
+    index.Add(sFull, "full");
+    index.Add(sFits, "fits");
+    EXPECT_EQ(Find(index, sFull), "full");
+    EXPECT_EQ(Find(index, sFits + "/"), "fits");
+    EXPECT_EQ(Find(index, sFits), "(none)");
+    EXPECT_EQ(index.GetNames(sFull), Names{"full"});
+    EXPECT_EQ(index.GetNames(sFits), Names{"fits"});
+    index.Remove(sFull, "full");
+    EXPECT_EQ(Find(index, sFull), "(none)");
 }
 
 TEST(ExportIndex, RandomExports_GiveWhatTheWalkGives)

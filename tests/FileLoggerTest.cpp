@@ -1,16 +1,37 @@
 #include "FileLogger.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <regex>
 #include <sstream>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "TestEnvironment.h"
+
+namespace {
+
+std::atomic<bool> g_bCloseFails = false;
+
+}  // namespace
+
+// Stands before the C library's. The next close fails once this is asked for; as a real one that
+// does, it lets the descriptor go all the same.
+extern "C" __attribute__((visibility("default"))) int close(int iFile)
+{
+    const auto iResult = static_cast<int>(syscall(SYS_close, iFile));
+    if (!g_bCloseFails.exchange(false))
+        return iResult;
+    errno = EIO;
+    return -1;
+}
 
 namespace {
 
@@ -342,6 +363,45 @@ TEST_F(FileLogger, Rotation_CannotMove_FailsUntilOpenedAgain)
     ASSERT_TRUE(m_logger.Open(0));
     EXPECT_TRUE(m_logger.LogInfo("d"));
     EXPECT_EQ(ReadTexts(GetLog()), "[info] d\n");
+}
+
+TEST_F(FileLogger, Rotation_CannotClose_MovesNothingAndFailsUntilOpenedAgain)
+{
+    m_logger.SetMaxLogSize(1);
+    const size_t iBefore = CountDescriptors();
+    ASSERT_TRUE(m_logger.Open(0));
+    ASSERT_TRUE(m_logger.LogInfo("a"));
+    testing::internal::CaptureStdout();
+    g_bCloseFails = true;
+    EXPECT_FALSE(m_logger.LogInfo("b"));
+    const std::string sOutput = testing::internal::GetCapturedStdout();
+    EXPECT_NE(sOutput.find("OS close file \"" + GetLog() + "\". Error=Input/output error (5)\n"),
+              std::string::npos)
+        << sOutput;
+    EXPECT_FALSE(m_logger.LogInfo("c"));
+    EXPECT_EQ(CountDescriptors(), iBefore);
+    EXPECT_FALSE(std::filesystem::exists(GetLog(1)));
+    EXPECT_EQ(ReadTexts(GetLog()), "[info] a\n");
+    ASSERT_TRUE(m_logger.Open(0));
+    EXPECT_TRUE(m_logger.LogInfo("d"));
+    EXPECT_EQ(ReadTexts(GetLog()), "[info] d\n");
+}
+
+TEST_F(FileLogger, Rotation_NoRoomForANumberBehindThePath_FailsUntilOpenedAgain)
+{
+    std::string sPath = m_folder.Path();
+    while (sPath.length() < 3800)
+        sPath += "/" + std::string(200, 'f');
+    sPath += "/";
+    sPath.resize(4094, 'l');  // ".1" makes it one byte too long
+    CFileLogger logger(sPath.c_str());
+    logger.SetMaxLogSize(1);
+    ASSERT_TRUE(logger.Open(0));
+    EXPECT_TRUE(logger.LogInfo("a"));
+    EXPECT_FALSE(logger.LogInfo("b"));
+    EXPECT_FALSE(logger.LogInfo("c"));
+    EXPECT_EQ(ReadTexts(sPath), "[info] a\n");
+    EXPECT_TRUE(logger.Open(0));
 }
 
 TEST_F(FileLogger, Rotation_CannotCreateTheNewFile_FailsUntilOpenedAgain)

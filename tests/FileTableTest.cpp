@@ -227,6 +227,20 @@ TEST(FileTable, Clear_ForgetsAllAndStartsAgainAtZero)
     EXPECT_EQ(GetPath(&table, 0), GetName(7));
 }
 
+TEST(FileTable, Clear_ForgetsPathsWithSeveralEntries)
+{
+    CFileTable table;
+    AddNames(&table, 0, 600);
+    ASSERT_TRUE(table.UpdateItemPath(GetName(0).c_str(), "/twin"));
+    ASSERT_TRUE(table.UpdateItemPath(GetName(500).c_str(), "/twin"));
+    table.Clear();
+    EXPECT_EQ(table.GetIDByPath("/twin"), 0U);
+    EXPECT_EQ(table.FindItemByPath("/twin"), table.GetItemByID(0));
+    EXPECT_TRUE(table.UpdateItemPath("/twin", "/other"));
+    EXPECT_EQ(table.FindItemByPath("/twin"), nullptr);
+    EXPECT_EQ(GetPath(&table, 0), "/other");
+}
+
 TEST(FileTable, Entries_StayWhereTheyAreWhileTheTableGrows)
 {
     CFileTable table;
@@ -317,6 +331,18 @@ TEST_F(FileTableRecent, FindingARecentOneAgain_DoesNotMakeItYounger)
     ASSERT_EQ(m_table.FindItemByPath("/twin")->iID, 1U);
     FindNames(&m_table, RECENT_LIMIT + 1, 1);
     EXPECT_EQ(m_table.FindItemByPath("/twin")->iID, 0U);
+}
+
+TEST_F(FileTableRecent, Clear_ForgetsTheRecentOnes)
+{
+    m_table.Clear();
+    m_table.AddItem("/pair");
+    m_table.AddItem("/pair");  // an ID that was a recent one
+    EXPECT_EQ(m_table.FindItemByPath("/pair")->iID, 0U);
+
+    m_table.Clear();
+    SetUp();  // fills the list anew: it prunes nothing
+    EXPECT_EQ(FindTwin(1), 1U);
 }
 
 TEST_F(FileTableRecent, TwoRecentTwins_TheOneFoundLongestAgoIsMet)

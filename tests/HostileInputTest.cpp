@@ -375,3 +375,23 @@ TEST_F(HostileInputTest, AMebibyteOfNoise_EndsItsConnectionOnly)
     EXPECT_TRUE(client.IsClosedByServer());
     EXPECT_TRUE(IsServing());
 }
+
+TEST_F(HostileInputTest, AMebibyteOfNoiseInSmallPieces_EndsItsConnectionAndHoldsUpNobody)
+{
+    for (const int iLogControl : {0, LOG_EVERYTHING}) {
+        m_pMain->SetLogControl(iLogControl);
+        const size_t iPiece = iLogControl == 0 ? 64 : 16384;
+        CTcpClient noisy(WIRE_NFS_PORT);
+        CTcpClient neighbour(WIRE_NFS_PORT);
+        for (size_t iSent = 0; iSent <= 0x100000; iSent += iPiece) {
+            noisy.Send(std::string(iPiece, '\x01'));  // may fail once the server has enough
+            if (iSent % 0x10000 == 0) {
+                ASSERT_TRUE(neighbour.Call(NfsCall(0, "")).IsSuccess(1)) << iSent;
+                ASSERT_TRUE(IsServing()) << iSent;
+            }
+        }
+        EXPECT_TRUE(noisy.IsClosedByServer());
+        EXPECT_TRUE(neighbour.Call(NfsCall(0, "")).IsSuccess(1));
+        EXPECT_TRUE(IsServing());
+    }
+}

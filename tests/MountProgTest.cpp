@@ -416,3 +416,21 @@ TEST_F(MountProgObjectTest, UnknownException_IsLoggedAndFails)
     EXPECT_EQ(m_Log.Lines(),
               std::vector<std::string>{"error|caller|[MountProg.Process] Unknown exception"});
 }
+
+TEST_F(MountProgObjectTest, FailuresWithoutTheErrorBit_AreSilent)
+{
+    CThrowingUtilities utilities;
+    utilities.SetCallback(&m_Log);
+    CMountProg throwing(&utilities);
+    m_RuntimeParam.SetLogControl(LOG_CONTROL_PROC_FUNC_ARGU);
+    EXPECT_EQ(Process(&throwing, MOUNTPROC_MNT, "127.0.0.1", Name("vm1")), PRC_FAIL);
+
+    CMountProg prog(&m_Utilities);
+    m_RuntimeParam.SetLogControl(0x3FF & ~(LOG_CONTROL_ERROR | LOG_CONTROL_PROC_FUNC_NAME |
+                                           LOG_CONTROL_PROC_FUNC_ARGU | LOG_CONTROL_GENERAL_INFO));
+    EXPECT_EQ(Process(&prog, MOUNTPROC_MNT, "127.0.0.1", CXdr().Word(5).Bytes()), PRC_TRUNCATED);
+    EXPECT_EQ(Process(&prog, MOUNTPROC_UMNT, "127.0.0.1", ""), PRC_TRUNCATED);
+    EXPECT_EQ(Process(&prog, MOUNTPROC_MNT, "127.0.0.1", Name("vm1")), PRC_OK);
+    EXPECT_EQ(Process(&prog, MOUNTPROC_MNT, "", Name("")), PRC_OK);
+    EXPECT_EQ(m_Log.Lines(), std::vector<std::string>());
+}

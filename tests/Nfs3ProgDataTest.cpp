@@ -466,6 +466,68 @@ TEST_F(Nfs3ProgDataDirect, Read_KeepsTheReplyInFrontOfIt)
     EXPECT_EQ(m_out.GetBufferIndex(), 32U);
 }
 
+TEST_F(Nfs3ProgDataDirect, Arguments_AreShownByTheirBitAlone)
+{
+    const std::string sPath = m_folder.Write("file", "hello");
+    const std::string sRead = HandleArgument(sPath) + ReadArguments(1, 3);
+    const std::string sWrite = HandleArgument(sPath) + WriteArguments(1, 2, "abc");
+    EXPECT_EQ(LinesOf(LOG_CONTROL_PROC_FUNC_ARGU, READ, sRead),
+              (Lines{"info|host|[Nfs3Prog.ProcedureREAD] Path = " + sPath,
+                     "info|vm1|[Nfs3Prog.ProcedureREAD] Offset=1, length=3",
+                     "info|vm1|[Nfs3Prog.ProcedureREAD] Read=3 (eof=F)",
+                     "info|vm1|[Nfs3Prog.ProcedureREAD] End stat=0"}));
+    EXPECT_EQ(LinesOf(LOG_CONTROL_PROC_FUNC_ARGU, WRITE, sWrite),
+              (Lines{"info|host|[Nfs3Prog.ProcedureWRITE] Path = " + sPath,
+                     "info|vm1|[Nfs3Prog.ProcedureWRITE] Offset=1, length=3, count=2",
+                     "info|vm1|[Nfs3Prog.ProcedureWRITE] Write=2",
+                     "info|vm1|[Nfs3Prog.ProcedureWRITE] End stat=0"}));
+    const int iOthers = 0x3FF & ~(LOG_CONTROL_PROC_FUNC_ARGU | LOG_CONTROL_PROC_FUNC_NAME |
+                                  LOG_CONTROL_FILE_ACCESS | LOG_CONTROL_GENERAL_INFO);
+    EXPECT_EQ(LinesOf(iOthers, READ, sRead), Lines{});
+    EXPECT_EQ(LinesOf(iOthers, WRITE, sWrite), Lines{});
+}
+
+TEST_F(Nfs3ProgDataDirect, Failures_AreShownByTheErrorBitAlone)
+{
+    const std::string sPath = m_folder.Write("file", "hello");
+    const std::string sFolder = m_folder.Path();
+    const std::string sOpen = " OS open file \"" + sFolder + "\". Error=Is a directory (21)";
+    const struct {
+        uint32_t iProc;
+        std::string sArguments;
+        Lines vTexts;
+    } CASES[] = {
+        {READ,
+         HandleArgument(sPath) + ReadArguments(7, 0x100000),
+         {" Count bigger than free buffer (path=" + sPath + ", offset=7 length=1048576)",
+          " Read fail"}},
+        {READ,
+         HandleArgument(sFolder) + ReadArguments(5, 7),
+         {sOpen, " Read return -1 (path=" + sFolder + ", offset=5 length=7)", " Read fail"}},
+        {WRITE, HandleArgument(sPath) + WriteArguments(MAX_FILE_SIZE, 1, "x"), {" Write fail"}},
+        {WRITE, HandleArgument(sFolder) + WriteArguments(0, 1, "x"), {sOpen, " Write fail"}},
+    };
+    for (const auto& [iProc, sArguments, vTexts] : CASES) {
+        Lines vExpected;
+        for (const std::string& sText : vTexts)
+            vExpected.push_back(std::string("error|vm1|[Nfs3Prog.Procedure") +
+                                (iProc == READ ? "READ]" : "WRITE]") + sText);
+        EXPECT_EQ(LinesOf(LOG_CONTROL_ERROR, iProc, sArguments), vExpected);
+        for (const std::string& sLine : LinesOf(0x3FF & ~LOG_CONTROL_ERROR, iProc, sArguments))
+            EXPECT_TRUE(sLine.starts_with("info|")) << sLine;
+    }
+}
+
+TEST_F(Nfs3ProgDataDirect, PipeInAnExport_RefusesAtOnce)
+{
+    const std::string sPipe = m_folder.Path("pipe");
+    ASSERT_EQ(mkfifo(sPipe.c_str(), 0600), 0);
+    const std::string sHandle = HandleArgument(sPipe);
+    EXPECT_EQ(Process(READ, sHandle + ReadArguments(0, 4)), READ_REFUSED);
+    EXPECT_EQ(Process(WRITE, sHandle + WriteArguments(0, 1, "x")), Refused(22));
+    EXPECT_EQ(ToHex(Process(1, sHandle)), ToHex(Words({0}) + AttributesOf(sPipe)));
+}
+
 TEST_F(Nfs3ProgDataDirect, Write_DataLongerThanTheRequest_IsTruncated)
 {
     const std::string sPath = m_folder.Write("file", "");

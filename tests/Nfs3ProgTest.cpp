@@ -170,6 +170,76 @@ TEST_F(Nfs3Prog, EveryProcedure_WritesItsNameAndItsStatus)
     }
 }
 
+TEST_F(Nfs3Prog, Arguments_AreShownByTheirBitAlone)
+{
+    const std::string sPath = m_folder.Write("file", "12345");
+    const std::string sHandle = HandleArgument(sPath);
+    const std::string sSetattr = sHandle + Words({0, 0, 0, 0, 0, 0, 1, 0, 7});
+    EXPECT_EQ(LinesOf(LOG_CONTROL_PROC_FUNC_ARGU, 2, sSetattr),
+              (Lines{"info|host|[Nfs3Prog.ProcedureSETATTR] Path = " + sPath,
+                     "info|host|[Nfs3Prog.ProcedureSETATTR] Guard check: 1, time: 0",
+                     "info|vm1|[Nfs3Prog.ProcedureSETATTR] End stat=0"}));
+    const Lines vAccess = LinesOf(LOG_CONTROL_PROC_FUNC_ARGU, 4, sHandle + Words({0x3F}));
+    ASSERT_EQ(vAccess.size(), 4U);  // path, mask, attributes, end
+    EXPECT_EQ(vAccess[1], "info|vm1|[Nfs3Prog.ProcedureACCESS] Readonly: 0, access: 3f");
+
+    const std::string sLookup = HandleArgument(m_folder.Path()) + CXdr().String("file").Bytes();
+    const int iOthers = 0x3FF & ~(LOG_CONTROL_PROC_FUNC_ARGU | LOG_CONTROL_PROC_FUNC_NAME |
+                                  LOG_CONTROL_FILE_ACCESS | LOG_CONTROL_GENERAL_INFO);
+    EXPECT_EQ(LinesOf(iOthers, 1, sHandle), Lines{});
+    EXPECT_EQ(LinesOf(iOthers, 2, sSetattr), Lines{});
+    EXPECT_EQ(LinesOf(iOthers, 3, sLookup), Lines{});
+    EXPECT_EQ(LinesOf(iOthers, 4, sHandle + Words({0x3F})), Lines{});
+    EXPECT_EQ(LinesOf(iOthers, 18, sHandle), Lines{});
+    EXPECT_EQ(LinesOf(iOthers, 19, sHandle), Lines{});
+}
+
+TEST_F(Nfs3Prog, Setattr_OfOneValue_SetsThatOneAlone)
+{
+    const struct {
+        std::string sAttributes;
+        std::string sShown;
+    } CASES[] = {
+        {Words({1, 0600, 0, 0, 0, 0, 0}), "set_mode=1, mode=384,"},
+        {Words({0, 1, 11, 0, 0, 0, 0}), "set_uid=1, uid=11,"},
+        {Words({0, 0, 1, 12, 0, 0, 0}), "set_gid=1, gid=12,"},
+        {Words({0, 0, 0, 1, 1, 2, 0, 0}), "set_size=1, size=4294967298,"},
+        {Words({0, 0, 0, 0, 2, 13, 14, 0}), "set_atime=1, atime.sec=13, atime.nsec=14,"},
+        {Words({0, 0, 0, 0, 0, 2, 15, 16}), "set_mtime=1, mtime.sec=15, mtime.nsec=16"},
+    };
+    const std::string sHandle = HandleArgument(m_folder.Write("file", ""));
+    for (const auto& [sAttributes, sShown] : CASES) {
+        const Lines vLines =
+            LinesOf(LOG_CONTROL_FILE_ACCESS, 2, sHandle + sAttributes + Words({0}));
+        ASSERT_FALSE(vLines.empty());
+        const std::string& sLine = vLines[0];
+        EXPECT_NE(sLine.find("] Update file attributes, "), std::string::npos) << sLine;
+        EXPECT_NE(sLine.find(sShown), std::string::npos) << sLine;
+        size_t iSet = 0;
+        for (size_t i = sLine.find("=1,"); i != std::string::npos; i = sLine.find("=1,", i + 1))
+            iSet++;
+        EXPECT_EQ(iSet, 1U) << sLine;
+    }
+}
+
+TEST_F(Nfs3Prog, SetattrFailures_AreShownByTheErrorBitAlone)
+{
+    const std::string sPath = m_folder.Write("file", "12345");
+    const std::string sHandle = HandleArgument(sPath);
+    const std::string sLabel = "error|vm1|[Nfs3Prog.ProcedureSETATTR] ";
+    const std::string sGuarded = sHandle + Words({0, 0, 0, 0, 0, 0, 1, 9, 0});
+    const std::string sTooBig = sHandle + Words({0, 0, 0, 1, 0x80000000, 0, 0, 0, 0});
+    EXPECT_EQ(LinesOf(LOG_CONTROL_ERROR, 2, sGuarded),
+              Lines{sLabel + "Guard check fail, client: 0, server: 9"});
+    EXPECT_EQ(LinesOf(LOG_CONTROL_ERROR, 2, sTooBig),
+              (Lines{sLabel + "OS set file file \"" + sPath + "\". Error=Invalid argument (22)",
+                     sLabel + "Update file attribute to " + sPath + " fail"}));
+    for (const std::string& sArguments : {sGuarded, sTooBig}) {
+        for (const std::string& sLine : LinesOf(0x3FF & ~LOG_CONTROL_ERROR, 2, sArguments))
+            EXPECT_TRUE(sLine.starts_with("info|")) << sLine;
+    }
+}
+
 TEST_F(Nfs3Prog, NoLogBits_NothingIsWritten)
 {
     for (const ObjectProcedure& procedure : OBJECT_PROCEDURES) {
@@ -261,8 +331,14 @@ TEST_F(Nfs3Prog, OtherException_Fails)
 TEST_F(Nfs3Prog, UnknownHandle_IsRefusedByEveryProcedure)
 {
     m_param.SetLogControl(LOG_CONTROL_ERROR);
-    const std::string HANDLES[] = {MakeHandle(77), MakeHandle(0xFFFFFFFF), MakeHandle(1U << 31),
-                                   "abc", ""};
+    const std::string HANDLES[] = {MakeHandle(77),
+                                   MakeHandle(0xFFFFFFFF),
+                                   MakeHandle(1U << 31),
+                                   "abc",
+                                   std::string(3, '\0'),
+                                   std::string(1, '\0'),
+                                   ""};
+    ASSERT_EQ(GetID(m_folder.Path()), 0U);  // what the short ones would be with their padding
     for (const ObjectProcedure& procedure : OBJECT_PROCEDURES) {
         for (const std::string& sHandle : HANDLES) {
             m_recorder.Clear();
@@ -528,6 +604,15 @@ TEST_F(Nfs3Prog, Attributes_OfFoldersLinksPipesAndSockets)
     EXPECT_EQ(GetAttributes(sLink).substr(44, 8), Words({0, 4}));
 }
 
+TEST_F(Nfs3Prog, Attributes_OfALinkToAFile_AreTheLinksOwn)
+{
+    m_folder.Write("file", "12345");
+    const std::string sLink = m_folder.Path("link");
+    ASSERT_EQ(symlink("./././file", sLink.c_str()), 0);
+    EXPECT_EQ(ToHex(GetAttributes(sLink)), ToHex(AttributesOf(sLink)));
+    EXPECT_EQ(GetAttributes(sLink).substr(20, 8), Words({0, 10}));  // the length of its text
+}
+
 TEST_F(Nfs3Prog, Attributes_OfDevices_SplitTheirNumber)
 {
     const struct {
@@ -596,6 +681,15 @@ TEST_F(Nfs3Prog, SkippedHandle_WithAnExportOfTheEmptyPath_IsAnswered)
     EXPECT_EQ(ToHex(Process(5, sHandle)), ToHex(Words({0, 0, 0})));
     EXPECT_EQ(ToHex(Process(20, sHandle)), ToHex(Words({0, 0, 0, 255, 0, 1, 1, 1})));
     EXPECT_EQ(ToHex(Process(21, sHandle + Words({0, 0, 0}))), ToHex(Words({0, 0, 0, 0, 0})));
+}
+
+// What is passed over is not taken for a path, even if it reads as one.
+TEST_F(Nfs3Prog, SkippedHandle_ThatReadsAsAnExportedPath_IsRefused)
+{
+    const std::string sHandle = CXdr().Opaque(m_folder.Path()).Bytes();
+    EXPECT_EQ(Process(5, sHandle), Words({5, 0}));
+    EXPECT_EQ(Process(20, sHandle), Words({5, 0}));
+    EXPECT_EQ(Process(21, sHandle + Words({0, 0, 0})), Words({5, 0, 0}));
 }
 
 TEST_F(Nfs3Prog, Front_PassesReadOnlyOn)

@@ -156,6 +156,23 @@ TEST(Nfs3XdrRead, Path_IsReadAndTerminated)
     EXPECT_STREQ(ReadHex<COpaquePath>("00000003 610063 00").Get(), "a");  // ends at its zero
 }
 
+TEST(Nfs3XdrRead, Path_SetFromBytes_EndsAtTheFirstZeroAmongThem)
+{
+    const unsigned char cBytes[] = {'a', 'b', 0, 'c', 'd'};
+    COpaquePath path;
+    path.Set(cBytes, 5);
+    EXPECT_STREQ(path.Get(), "ab");
+    EXPECT_EQ(WriteHex(path), "00000002 61620000");
+    path.Set(cBytes, 1);
+    EXPECT_STREQ(path.Get(), "a");  // and never behind the length
+    path.Set(cBytes + 3, 2);
+    EXPECT_STREQ(path.Get(), "cd");
+    path.Set(cBytes + 2, 3);
+    EXPECT_STREQ(path.Get(), "");
+    path.Set(cBytes, 0);
+    EXPECT_STREQ(path.Get(), "");
+}
+
 TEST(Nfs3XdrRead, Path_Of4095BytesIsKeptAndOf4096IsEmpty)
 {
     const struct {

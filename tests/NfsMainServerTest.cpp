@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <climits>
+#include <malloc.h>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -13,7 +14,24 @@
 
 namespace {
 
-class NfsMainServer : public NfsMain {};
+class NfsMainServer : public NfsMain {
+protected:
+    // A start that may be in another one's way; whatever comes of it must be told rightly.
+    bool StartOrBeRefused(int iMountPort)
+    {
+        char cReason[REASON_SIZE] = "";
+        if (m_pMain->StartServer(iMountPort, 0, 0, 0, false, cReason)) {
+            EXPECT_LE(iMountPort, 0xFFFF);
+            return true;
+        }
+        const std::string sNoPort =
+            "Mount daemon failed to open port " + std::to_string(iMountPort);
+        EXPECT_TRUE(cReason == std::string("NFS already running") ||
+                    (iMountPort > 0xFFFF && cReason == sNoPort))
+            << cReason;
+        return false;
+    }
+};
 
 // A controller that shows which of its overridable steps were taken.
 class CDerivedMain : public CNfsMain {
@@ -52,7 +70,36 @@ protected:
     void TerminateNetwork() override { m_iTerminated++; }
 };
 
+// A controller that somebody else tries to start at the moment when its failed start is undone.
+class CRestartedMain : public CNfsMain {
+public:
+    CRestartedMain() : CNfsMain("restarted", 0), m_blocker(OccupyPort(SOCK_STREAM, NFS_PORT)) {}
+
+    void StopServer() override
+    {
+        if (m_blocker.Get() != -1) {
+            m_blocker.Reset();  // nothing but the first start stands in its way
+            std::thread other(
+                [this] { m_bSecond = StartServer(0, 0, 0, 0, false, m_cSecondReason); });
+            other.join();
+        }
+        CNfsMain::StopServer();
+    }
+
+    CAutoFd m_blocker;
+    bool m_bSecond = true;
+    char m_cSecondReason[REASON_SIZE] = "";
+};
+
+// Bytes that the program has from the allocator.
+size_t CountBytes()
+{
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
 }  // namespace
+
 // ---- Starting ----
 
 TEST_F(NfsMainServer, StartServer_PortsBelowOne_ServesOnTheDefaults)
@@ -111,6 +158,97 @@ TEST_F(NfsMainServer, StartServer_FromTwoThreads_StartsOnce)
         EXPECT_STREQ(bStarted ? cOtherReason : m_cReason, "NFS already running");
         EXPECT_TRUE(AnswersNull(WIRE_NFS_PROG, NFS_PORT));
         m_pMain->StopServer();
+    }
+}
+
+TEST_F(NfsMainServer, StartServer_WhileAFailedOneIsBeingUndone_IsRefusedAndHarmless)
+{
+    CRestartedMain main;
+    EXPECT_FALSE(main.StartServer(0, 0, 0, 0, false, m_cReason));
+    EXPECT_STREQ(m_cReason, "NFS daemon failed to open port 2049");
+    EXPECT_FALSE(main.m_bSecond);
+    EXPECT_STREQ(main.m_cSecondReason, "NFS already running");
+    EXPECT_FALSE(main.IsServerRunning());
+    ExpectAllPortsFree();
+
+    ASSERT_TRUE(main.StartServer(0, 0, 0, 0, false, m_cReason)) << m_cReason;
+    ExpectServing();
+}
+
+TEST_F(NfsMainServer, StartsFailingStartsAndStops_FromManyThreads_LeaveAServerThatStarts)
+{
+    m_pMain->SetLogControl(0);
+    std::vector<std::thread> vThreads;
+    std::atomic<int> iStarted = 0;
+    std::atomic<int> iFailed = 0;
+    for (int i = 0; i < 4; i++)
+        vThreads.emplace_back([this, i, &iStarted, &iFailed] {
+            for (int iRound = i; iRound < i + 25; iRound++) {
+                const bool bStarted = StartOrBeRefused(iRound % 3 == 0 ? 70000 : 0);
+                (bStarted ? iStarted : iFailed)++;
+                EXPECT_EQ(m_pMain->GetServerStatus() & SERVER_STATUS_ALIVE, 1);
+                if (iRound % 2 == 0)
+                    m_pMain->StopServer();
+            }
+        });
+    for (std::thread& thread : vThreads)
+        thread.join();
+    EXPECT_GT(iStarted, 0);
+    EXPECT_GT(iFailed, 0);
+
+    m_pMain->StopServer();
+    EXPECT_FALSE(m_pMain->IsServerRunning());
+    ExpectAllPortsFree();
+    Start();
+    ExpectServing();
+}
+
+TEST_F(NfsMainServer, StartServer_NumberThatIsNoPort_FailsWithItsReasonAndLeavesNothingOpen)
+{
+    const size_t iDescriptors = CountDescriptors();
+    // The last two would be the defaults if they were cut to 16 bits.
+    for (const int iPort : {0x10000, INT_MAX, 0x10000 + NFS_PORT, 0x10000 + MOUNT_PORT}) {
+        m_recorder.Clear();
+        const std::string sPort = std::to_string(iPort);
+        EXPECT_FALSE(m_pMain->StartServer(0, iPort, 0, 0, false, m_cReason));
+        EXPECT_EQ(m_cReason, "NFS daemon failed to open port " + sPort);
+        EXPECT_FALSE(m_pMain->StartServer(iPort, 0, 0, 0, false, m_cReason));
+        EXPECT_EQ(m_cReason, "Mount daemon failed to open port " + sPort);
+        for (const char* pcDaemon : {"NFS", "Mount"})
+            EXPECT_TRUE(m_recorder.Contains(std::string("error|host|[NfsMain.StartServer] Fail to "
+                                                        "start ") +
+                                            pcDaemon +
+                                            " daemon. Reason=Fail to bind server socket. Invalid "
+                                            "argument (22)"));
+        EXPECT_FALSE(m_pMain->IsServerRunning());
+        EXPECT_EQ(CountDescriptors(), iDescriptors);
+        ExpectAllPortsFree();
+    }
+}
+
+TEST_F(NfsMainServer, ConnectionBeyondTheLimitOfItsPort_IsRefused)
+{
+    struct Limit {
+        int iPort;
+        uint32_t iProg;
+        size_t iConnections;
+    };
+    Start();
+    for (const Limit& limit :
+         {Limit{PORTMAP_PORT, WIRE_PORTMAP_PROG, 3}, Limit{NFS_PORT, WIRE_NFS_PROG, 10},
+          Limit{MOUNT_PORT, WIRE_MOUNT_PROG, 3}}) {
+        std::vector<CTcpClient> vClients;
+        for (size_t i = 0; i < limit.iConnections; i++) {
+            vClients.emplace_back(limit.iPort);
+            EXPECT_TRUE(vClients.back().Call(MakeCall(limit.iProg, 3, 0)).IsReceived())
+                << limit.iPort << " " << i;
+        }
+        EXPECT_TRUE(CTcpClient(limit.iPort).IsClosedByServer());
+        EXPECT_TRUE(m_recorder.Contains("error|host|[ServerSocket.Run] Connection refused, port " +
+                                        std::to_string(limit.iPort) + " has " +
+                                        std::to_string(limit.iConnections) + " already"));
+        for (CTcpClient& client : vClients)
+            EXPECT_TRUE(client.Call(MakeCall(limit.iProg, 3, 0)).IsReceived());
     }
 }
 
@@ -320,12 +458,17 @@ TEST_F(NfsMainServer, StartAndStop_AThousandTimes_LeaksNothing)
     m_pMain->SetLogControl(0);
     const size_t iDescriptors = CountDescriptors();
     const size_t iThreads = CountThreads();
+    size_t iBytes = 0;
     for (int i = 0; i < ROUNDS; i++) {
         Start();
         m_pMain->StopServer();
+        if (i == 10)  // what the system keeps for itself is there by now
+            iBytes = CountBytes();
     }
     EXPECT_EQ(CountDescriptors(), iDescriptors);
     EXPECT_EQ(CountThreads(), iThreads);
+    // Not one byte in each round: the least that the allocator gives is more than 16.
+    EXPECT_LT(CountBytes(), iBytes + 16 * ROUNDS);
 }
 
 TEST_F(NfsMainServer, Destructor_WhileRunningWithClients_ClosesEverything)

@@ -187,3 +187,19 @@ TEST(PortmapProgObjectTest, UnknownException_IsLoggedAndFails)
     EXPECT_EQ(log.Lines(),
               std::vector<std::string>{"error|caller|[PortmapProg.Process] Unknown exception"});
 }
+
+TEST(PortmapProgObjectTest, FailuresWithoutTheErrorBit_AreSilent)
+{
+    CLogRecorder log;
+    CThrowingUtilities utilities;
+    utilities.SetCallback(&log);
+    CRuntimeParam runtimeParam("caller", LOG_CONTROL_PROC_FUNC_NAME);
+    CPortmapProg prog(&utilities);
+    CInputStream in;
+    COutputStream out;
+    ProcessParam param = {2, MAPPROC_GETPORT, "127.0.0.1", &runtimeParam};
+    EXPECT_EQ(prog.Process(&in, &out, &param), PRC_FAIL);
+    runtimeParam.SetLogControl(0x3FF & ~(LOG_CONTROL_ERROR | LOG_CONTROL_PROC_FUNC_NAME));
+    EXPECT_EQ(prog.Process(&in, &out, &param), PRC_TRUNCATED);
+    EXPECT_EQ(log.Lines(), std::vector<std::string>());
+}

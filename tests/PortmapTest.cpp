@@ -25,7 +25,7 @@ extern "C" void* svctcp_create(int iSocket, unsigned int iSendSize, unsigned int
 
 namespace {
 
-bool s_bRefuseTcpTransports = false;
+int s_iTcpTransportsLeft = -1;  // so many are made, and then none; -1 for no end
 
 }  // namespace
 
@@ -33,8 +33,10 @@ bool s_bRefuseTcpTransports = false;
 extern "C" void* svctcp_create(int iSocket, unsigned int iSendSize, unsigned int iReceiveSize)
 {
     using Function = void* (*)(int, unsigned int, unsigned int);
-    if (s_bRefuseTcpTransports)
+    if (s_iTcpTransportsLeft == 0)
         return nullptr;
+    if (s_iTcpTransportsLeft > 0)
+        s_iTcpTransportsLeft--;
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, "svctcp_create"))(iSocket, iSendSize,
                                                                          iReceiveSize);
 }
@@ -278,6 +280,18 @@ TEST_F(Portmap, CreateSocket_PortTaken_IsMinusTwo)
     EXPECT_EQ(CountDescriptors(), iDescriptors);
 }
 
+TEST_F(Portmap, CreateSocket_NumberThatIsNoPort_IsMinusTwo)
+{
+    CPortmap portmap(&m_utilities, &m_param);
+    const size_t iDescriptors = CountDescriptors();
+    for (const unsigned long lPort :
+         {0x10000UL, 0x10000UL + OTHER_PORT, 0xFFFFFFFFUL, 0x100000000UL + OTHER_PORT, ~0UL}) {
+        EXPECT_EQ(portmap.CreateSocket(lPort, m_cReason), -2);
+        EXPECT_EQ(m_cReason, "Error binding socket with port " + std::to_string(lPort));
+    }
+    EXPECT_EQ(CountDescriptors(), iDescriptors);
+}
+
 TEST_F(Portmap, CreateSocket_NoDescriptor_IsMinusOne)
 {
     CPortmap portmap(&m_utilities, &m_param);
@@ -431,9 +445,9 @@ TEST_F(PortmapWithRpcbind, RegisterSvc_TcpTransportRefused_CannotCreateTcp)
     CPortmap portmap(&m_utilities, &m_param);
     const size_t iDescriptors = CountDescriptors();
     m_recorder.Clear();
-    s_bRefuseTcpTransports = true;
+    s_iTcpTransportsLeft = 0;
     EXPECT_FALSE(portmap.RegisterSvc(PROG_NFS, 3, m_listener.GetSocket(), m_cReason));
-    s_bRefuseTcpTransports = false;
+    s_iTcpTransportsLeft = -1;
     EXPECT_STREQ(m_cReason, "Cannot create TCP for 100003 ver=3");
     EXPECT_EQ(m_recorder.Lines().back(),
               "info|host|[Portmap.RegisterSvc] Creating TCP for 100003 ver=3");
@@ -581,6 +595,32 @@ TEST_F(PortmapServer, PortMapperComesAndGoes_EachStartLooksAnew)
     EXPECT_EQ(GetPort(PROG_NFS, IPPROTO_TCP), 2049U);
 }
 
+TEST_F(PortmapServer, Start_OnlyMountCannotBeRegistered_FailsAndLeavesNoMapping)
+{
+    const CRpcbind rpcbind;
+    CScratchFolder folder;
+    CFileLogger logger(folder.Path("log").c_str());
+    ASSERT_TRUE(logger.Open(0));
+    Make(0);
+    m_pMain->SetCallback(nullptr);
+    m_pMain->SetFileLogger(&logger);
+    s_iTcpTransportsLeft = 1;  // for the NFS program
+    EXPECT_FALSE(Start());
+    s_iTcpTransportsLeft = -1;
+
+    const std::string sText = "Fail to register Mount daemon to external portmapper. Reason=Fail "
+                              "to register socket for port 1059. Reason=Cannot create TCP for "
+                              "100005 ver=3";
+    EXPECT_EQ(m_cReason, sText);
+    const std::string sLog = ReadWholeFile(folder.Path("log"));
+    EXPECT_NE(sLog.find("[error] " + sText + "\n"), std::string::npos) << sLog;
+    EXPECT_EQ(sLog.find("register NFS daemon"), std::string::npos) << sLog;
+    EXPECT_FALSE(m_pMain->IsServerRunning());
+    EXPECT_EQ(Dump(), std::vector<Mapping>{});
+    ExpectPortFree(EXTERNAL_NFS_PORT);
+    ExpectPortFree(EXTERNAL_MOUNT_PORT);
+}
+
 // Whoever sits on port 111 is taken for a port mapper; this one understands nothing.
 TEST_F(PortmapServer, Start_BesideSomethingElseOnThePort_FailsAndLeavesNothingOpen)
 {
@@ -596,6 +636,9 @@ TEST_F(PortmapServer, Start_BesideSomethingElseOnThePort_FailsAndLeavesNothingOp
 
     EXPECT_FALSE(Start());
 
+    EXPECT_STREQ(m_cReason, "Fail to register NFS daemon to external portmapper. Reason=Fail to "
+                            "register socket for port 2050. Reason=Unable to register UDP for "
+                            "100003 ver=3");
     EXPECT_FALSE(m_pMain->IsServerRunning());
     const std::string sLog = ReadWholeFile(folder.Path("log"));
     EXPECT_NE(sLog.find("[error] Fail to register NFS daemon to external portmapper. Reason=Fail "

@@ -213,6 +213,18 @@ TEST_F(RpcServerRecordsTest, GarbageInDatagrams_DoesNotFillTheBuffer)
     EXPECT_EQ(m_Log.Count("Input buf size(60000) pos(0)"), 20U);
 }
 
+TEST_F(RpcServerRecordsTest, WholeCallBehindAShortOneInADatagram_OnlyTheShortOneIsAnswered)
+{
+    CUdpClient client(PORT);
+    const std::string sShort = FakeCall(FAKE_OPAQUE, 58, CXdr().Word(400).Bytes()).Datagram();
+    ASSERT_TRUE(client.Send(sShort + EchoCall(1, 59).Datagram()));
+    const CReply reply = client.ReceiveReply();
+    EXPECT_TRUE(reply.IsSuccess(58));
+    EXPECT_EQ(reply.Left(), 0U);
+    EXPECT_TRUE(client.IsOtherwiseSilent(PROG, 1));
+    EXPECT_EQ(m_Prog.m_iCalls, 2);
+}
+
 // ---- Record marks ----
 
 TEST_F(RpcServerRecordsTest, MarkTooSmallForAHeader_SaysNothing)
@@ -424,4 +436,27 @@ TEST_F(RpcServerRecordsTest, Quiet_GarbageOfTheLastPeer_DoesNotHideTheCallsOfThe
         ASSERT_TRUE(first.IsClosedByServer());
         EXPECT_TRUE(CallOnce(PORT, EchoCall(1, iXid)).IsSuccess(iXid));
     }
+}
+
+TEST_F(RpcServerRecordsTest, Quiet_WhatWasSearchedInVain_IsNotSearchedAgain)
+{
+    m_Rpc.SetLogControl(0);
+    CSocket connection(SOCKET_STREAM, PROG);  // not open: replies stay in its output
+    CInputStream* pIn = connection.GetInputStream();
+    const std::string sGarbage(1000, 'x');
+    for (unsigned int i = 1; i <= 3; i++) {
+        memcpy(pIn->GetFreeBuffer(), sGarbage.data(), sGarbage.size());
+        pIn->AddFilledBufferSize(1000);
+        m_Rpc.SocketReceived(&connection);
+        EXPECT_EQ(connection.GetSearchedSize(), i * 1000 - TCP_HEADER_SIZE + 1);
+    }
+    // A call that only a search from the start would find; nothing of it is ever sent there.
+    const std::string sRecord = FakeCall(FAKE_NULL, 91).Record();
+    memcpy(pIn->GetFreeBuffer() - 3000, sRecord.data(), sRecord.size());
+    m_Rpc.SocketReceived(&connection);
+    EXPECT_EQ(m_Prog.m_iCalls, 0);
+    m_Rpc.SetLogControl(LOG_CONTROL_RPC);  // whoever wants the lines gets the whole search
+    m_Rpc.SocketReceived(&connection);
+    EXPECT_EQ(m_Prog.m_iCalls, 1);
+    EXPECT_EQ(connection.GetOutputStream()->GetBufferSize(), EMPTY_REPLY_SIZE);
 }

@@ -383,7 +383,7 @@ TEST_F(SocketTest, FullBuffer_EndsItsConnectionOnly)
     EXPECT_TRUE(ConnectServed() != nullptr);
 }
 
-TEST_F(SocketTest, AcceptedConnection_SendsWithoutDelay)
+TEST_F(SocketTest, AcceptedConnection_SendsWithoutDelayAndIsKeptAlive)
 {
     OpenTcp(1);
     CTcpClient client(PORT);
@@ -400,6 +400,9 @@ TEST_F(SocketTest, AcceptedConnection_SendsWithoutDelay)
         iLength = sizeof(iNoDelay);
         EXPECT_EQ(getsockopt(iFile, IPPROTO_TCP, TCP_NODELAY, &iNoDelay, &iLength), 0);
         EXPECT_NE(iNoDelay, 0);
+        int iKeepAlive = 0;  // or a peer that is gone without a word would keep its place
+        EXPECT_EQ(getsockopt(iFile, SOL_SOCKET, SO_KEEPALIVE, &iKeepAlive, &iLength), 0);
+        EXPECT_NE(iKeepAlive, 0);
         bFound = true;
     }
     EXPECT_TRUE(bFound);

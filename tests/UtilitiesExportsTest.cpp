@@ -139,6 +139,44 @@ TEST_F(UtilitiesExports, IsMountInfoExists_TellsNameThenPath)
     EXPECT_EQ(Ask(nullptr, nullptr), "");
 }
 
+// How often a path is canonicalised shows in the log: for the export and for the clash.
+TEST_F(UtilitiesExports, AddMountInfo_GeneralInfo_ShowsAPathTwiceOrOnceIfTheNameIsKnown)
+{
+    const std::string sFound =
+        "info|host|[Test] Get canonical path successfully: " + m_folder.Path();
+    const std::string sMissing =
+        "info|host|[Test] Fail to get canonical path from non-exist path: /no/such/path";
+    m_param.SetLogControl(LOG_CONTROL_GENERAL_INFO);
+    EXPECT_EQ(Add(m_folder.Path() + "/", "vm1"), "");
+    EXPECT_EQ(m_recorder.Lines(), (Lines{sFound, sFound}));
+    m_recorder.Clear();
+    EXPECT_NE(Add(m_folder.Path(), "vm2"), "");  // a clash of paths
+    EXPECT_EQ(m_recorder.Lines(), (Lines{sFound, sFound}));
+    m_recorder.Clear();
+    EXPECT_NE(Add(m_folder.Path(), "vm1"), "");  // a clash of names
+    EXPECT_EQ(m_recorder.Lines(), Lines{sFound});
+    m_recorder.Clear();
+    EXPECT_NE(Add("/no/such/path", "x y"), "");
+    EXPECT_EQ(m_recorder.Lines(), (Lines{sMissing, sMissing}));
+}
+
+TEST_F(UtilitiesExports, IsMountInfoExists_GeneralInfo_ShowsThePathOnceUnlessTheNameIsKnown)
+{
+    ASSERT_EQ(Add(m_folder.Path(), "vm1"), "");
+    m_param.SetLogControl(LOG_CONTROL_GENERAL_INFO);
+    const auto Ask = [this](const char* pcPath, const char* pcName) {
+        m_recorder.Clear();
+        m_utilities.IsMountInfoExists(&m_param, &m_argu, pcPath, pcName, nullptr);
+        return m_recorder.Lines();
+    };
+    const char* pcPath = m_folder.Path().c_str();
+    const Lines vOnce = {"info|host|[Test] Get canonical path successfully: " + m_folder.Path()};
+    EXPECT_EQ(Ask(pcPath, "vm1"), Lines{});
+    EXPECT_EQ(Ask(nullptr, "vm2"), Lines{});
+    EXPECT_EQ(Ask(pcPath, "vm2"), vOnce);
+    EXPECT_EQ(Ask(pcPath, nullptr), vOnce);
+}
+
 // ---- Removing ----
 
 TEST_F(UtilitiesExports, RemoveByPath_CanonicalisesAndForgetsTheExport)
@@ -149,6 +187,30 @@ TEST_F(UtilitiesExports, RemoveByPath_CanonicalisesAndForgetsTheExport)
     EXPECT_EQ(CountExports(), 0);
     EXPECT_EQ(Find(m_folder.Path()), "(none)");
     EXPECT_EQ(Add(m_folder.Path(), "vm1"), "");
+}
+
+TEST_F(UtilitiesExports, RemoveByPath_GeneralInfo_ShowsThePathOnce)
+{
+    m_param.SetLogControl(LOG_CONTROL_GENERAL_INFO);
+    m_utilities.RemoveMountInfoByLocalMountPath(&m_param, &m_argu, m_folder.Path().c_str());
+    EXPECT_EQ(m_recorder.Lines(),
+              Lines{"info|host|[Test] Get canonical path successfully: " + m_folder.Path()});
+}
+
+// Paths that are not there stay as they were given, and those are compared byte for byte.
+TEST_F(UtilitiesExports, MissingPathsThatDifferByASlash_AreTwoExports)
+{
+    ASSERT_EQ(Add("/no/such", "vm1"), "");
+    ASSERT_EQ(Add("/no/such/", "vm2"), "");
+    EXPECT_EQ(Add("/no/such", "vm3"), "Local mount path \"/no/such\" already defined");
+    EXPECT_EQ(Add("/no/such/", "vm3"), "Local mount path \"/no/such/\" already defined");
+    EXPECT_EQ(Find("/no/such/x"), "vm1");
+    m_utilities.RemoveMountInfoByLocalMountPath(&m_param, &m_argu, "/no/such/");
+    m_utilities.RemoveMountInfoByLocalMountPath(&m_param, &m_argu, "/no/such/");
+    EXPECT_EQ(CountExports(), 1);
+    EXPECT_EQ(Find("/no/such/x"), "vm1");
+    m_utilities.RemoveMountInfoByLocalMountPath(&m_param, &m_argu, "/no/such");
+    EXPECT_EQ(CountExports(), 0);
 }
 
 TEST_F(UtilitiesExports, RemoveByName_ForgetsTheExport)

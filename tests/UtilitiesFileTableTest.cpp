@@ -1,6 +1,11 @@
 #include "Utilities.h"
 
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <future>
+#include <memory>
 #include <set>
 #include <thread>
 
@@ -9,6 +14,9 @@
 #include "UtilitiesFixture.h"
 
 namespace {
+
+// Called in the middle of each resolution of a path, while it is set.
+std::function<void()> g_DuringResolution;
 
 constexpr unsigned int HANDLE_SIZE = 56;  // bytes of a handle on the wire
 
@@ -34,6 +42,17 @@ std::string GetBytes(unsigned int iID)
 
 }  // namespace
 
+// Stands before the system's, to look around while a path is being resolved.
+extern "C" char* realpath(const char* pcPath, char* pcResolved) noexcept
+{
+    if (g_DuringResolution)
+        g_DuringResolution();
+    const std::unique_ptr<char, decltype(&free)> name(canonicalize_file_name(pcPath), &free);
+    if (name == nullptr)
+        return nullptr;
+    return pcResolved == nullptr ? strdup(name.get()) : strcpy(pcResolved, name.get());
+}
+
 TEST_F(UtilitiesFileTable, GetFileID_SameFileInOtherWords_IsOneNumber)
 {
     const std::string sFile = m_folder.Write("file", "");
@@ -54,6 +73,26 @@ TEST_F(UtilitiesFileTable, GetFileID_MissingFile_GetsANumberForThePathAsItIs)
 TEST_F(UtilitiesFileTable, GetFileID_NullPath_HasNone)
 {
     EXPECT_EQ(m_utilities.GetFileID(&m_param, &m_argu, nullptr), 0xFFFFFFFF);
+}
+
+// A slow folder holds up nobody who asks for other files.
+TEST_F(UtilitiesFileTable, GetFileID_ResolvesThePathWithoutTheTable)
+{
+    std::future<bool> other;  // outlives the resolution that it might wait for
+    bool bUnhindered = false;
+    GetID("/known");
+    g_DuringResolution = [&] {
+        other = std::async(std::launch::async, [this] {
+            const unsigned int iHandle = 0;
+            return m_utilities.GetFilePath(&m_param, &iHandle, nullptr, 0);
+        });
+        bUnhindered = other.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    };
+    const unsigned int iID = GetID(m_folder.Path());
+    g_DuringResolution = nullptr;
+    EXPECT_EQ(iID, 1U);
+    EXPECT_TRUE(bUnhindered);
+    EXPECT_TRUE(other.get());
 }
 
 TEST_F(UtilitiesFileTable, GetFileHandle_IsTheNumberAndZeros)

@@ -1,8 +1,12 @@
 #include "Utilities.h"
 
+#include <chrono>
 #include <fcntl.h>
+#include <functional>
+#include <future>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -10,6 +14,9 @@
 #include "UtilitiesFixture.h"
 
 namespace {
+
+// Called in the middle of each read and write, while it is set.
+std::function<void()> g_DuringTransfer;
 
 constexpr unsigned long long BEHIND_ALL = 0x8000000000000000ULL;  // negative for the system
 
@@ -68,6 +75,21 @@ protected:
 };
 
 }  // namespace
+
+// These two stand before the system's, to look around while a file is being read or written.
+extern "C" ssize_t read(int iFile, void* pBuffer, size_t iLength)
+{
+    if (g_DuringTransfer)
+        g_DuringTransfer();
+    return syscall(SYS_read, iFile, pBuffer, iLength);
+}
+
+extern "C" ssize_t write(int iFile, const void* pBuffer, size_t iLength)
+{
+    if (g_DuringTransfer)
+        g_DuringTransfer();
+    return syscall(SYS_write, iFile, pBuffer, iLength);
+}
 
 // ---- Size and creation ----
 
@@ -259,6 +281,45 @@ TEST_F(UtilitiesFiles, WriteFile_OutsideExports_HasAReadOnlyDescriptorAndKeepsIt
     EXPECT_EQ(ReadWholeFile(sFile), "text");
 }
 
+// A slow disk holds up nobody but who waits for it.
+TEST_F(UtilitiesFiles, ReadAndWrite_HoldNoTableMeanwhile)
+{
+    const std::string sFile = m_folder.Write("file", "0123456789");
+    const std::string sOther = m_folder.Write("other", "");
+    std::vector<std::future<void>> vOthers;  // outlives the transfers that one might wait for
+    int iUnhindered = 0;
+    g_DuringTransfer = [&] {
+        vOthers.push_back(std::async(std::launch::async, [&] {
+            CRuntimeParam param("other", 0);
+            LogArgu argu = {"Other"};
+            m_utilities.GetFileSize(&param, &argu, sOther.c_str(), 0);
+            m_utilities.CloseCachedFileHandle(&param, &argu, sOther.c_str());
+            m_utilities.GetMountInfo(&param, false, false);
+            m_utilities.GetFileID(&param, &argu, sOther.c_str());
+        }));
+        iUnhindered +=
+            vOthers.back().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    };
+    const std::string sRead = Read(sFile, 0, 4);
+    const int iWritten = Write(sFile, 0, "abcd");
+    g_DuringTransfer = nullptr;
+    EXPECT_EQ(sRead, "0123");
+    EXPECT_EQ(iWritten, 4);
+    EXPECT_EQ(iUnhindered, 2);
+}
+
+TEST_F(UtilitiesFiles, PipeOutsideExports_CannotBeReadOrWrittenButKeepsNobodyWaiting)
+{
+    m_utilities.RemoveAllMountInfo();
+    const std::string sFile = m_folder.Write("file", "");
+    ASSERT_NE(fcntl(GetCached(sFile), F_GETFL) & O_NONBLOCK, 0);  // or what follows would wait
+    const std::string sPipe = m_folder.Path("pipe");
+    ASSERT_EQ(mkfifo(sPipe.c_str(), 0600), 0);
+    EXPECT_EQ(Read(sPipe, 0, 4), "-1+");
+    EXPECT_EQ(Write(sPipe, 0, "data"), -1);
+    EXPECT_TRUE(m_utilities.NewFile(&m_param, &m_argu, sPipe.c_str()));
+}
+
 TEST_F(UtilitiesFiles, WriteFile_FullFileSystem_WritesWhatFitsThenFails)
 {
     const std::string sMount = m_folder.Path("small");
@@ -380,7 +441,10 @@ TEST_F(UtilitiesFilesRename, TargetCannotBeRemoved_FailsBeforeTheMove)
     const unsigned int iID = GetID(m_sFrom);
     std::filesystem::create_directory(m_sTo);
     m_folder.Write("to/file", "");
+    SetBits(LOG_CONTROL_ERROR);
     EXPECT_FALSE(Rename());
+    EXPECT_EQ(m_recorder.Lines(), Lines{"error|host|[Test] OS remove file " + Quote(m_sTo) +
+                                        ". Error=Directory not empty (39)"});
     EXPECT_EQ(ReadWholeFile(m_sFrom), "text");
     EXPECT_EQ(GetPath(iID), m_sFrom);
 }
@@ -413,9 +477,64 @@ TEST_F(UtilitiesFilesRename, OntoItself_KeepsTheFile)
 {
     m_folder.Write("from", "text");
     const unsigned int iID = GetID(m_sFrom);
+    GetCached(m_sFrom);
+    SetBits(LOG_CONTROL_FILE_ACCESS);
     EXPECT_TRUE(m_utilities.RenameFile(&m_param, &m_argu, m_sFrom.c_str(), m_sFrom.c_str()));
+    EXPECT_EQ(m_recorder.Lines(),
+              MakeLines({"Rename file, pathFrom=" + m_sFrom + ", pathTo=" + m_sFrom}));
     EXPECT_EQ(ReadWholeFile(m_sFrom), "text");
     EXPECT_EQ(GetPath(iID), m_sFrom);
+}
+
+// Two names of one file: to the system they are renamed already, and neither is removed.
+TEST_F(UtilitiesFilesRename, OntoAnotherNameOfTheSameFile_RemovesNeither)
+{
+    m_folder.Write("from", "text");
+    ASSERT_EQ(link(m_sFrom.c_str(), m_sTo.c_str()), 0);
+    const unsigned int iID = GetID(m_sFrom);
+    SetBits(LOG_CONTROL_FILE_ACCESS);
+    EXPECT_TRUE(Rename());
+    EXPECT_EQ(m_recorder.Lines(),
+              MakeLines({"Rename file, pathFrom=" + m_sFrom + ", pathTo=" + m_sTo,
+                         "OS rename file from " + Quote(m_sFrom) + " to " + Quote(m_sTo)}));
+    EXPECT_EQ(ReadWholeFile(m_sFrom), "text");
+    EXPECT_EQ(ReadWholeFile(m_sTo), "text");
+    EXPECT_EQ(GetPath(iID), m_sTo);
+}
+
+// The same number on another file system is another file.
+TEST_F(UtilitiesFilesRename, OntoAFileOfTheSameNumberElsewhere_RemovesIt)
+{
+    for (const char* pcName : {"a", "b"}) {
+        std::filesystem::create_directory(m_folder.Path(pcName));
+        ASSERT_EQ(mount("tmpfs", m_folder.Path(pcName).c_str(), "tmpfs", 0, "size=64k"), 0);
+    }
+    const std::string sFrom = m_folder.Write("a/file", "text");
+    const std::string sTo = m_folder.Write("b/file", "old");
+    struct stat from = {};
+    struct stat to = {};
+    EXPECT_EQ(stat(sFrom.c_str(), &from) | stat(sTo.c_str(), &to), 0);
+    EXPECT_EQ(from.st_ino, to.st_ino);
+    SetBits(LOG_CONTROL_ERROR | LOG_CONTROL_FILE_ACCESS);
+    EXPECT_FALSE(m_utilities.RenameFile(&m_param, &m_argu, sFrom.c_str(), sTo.c_str()));
+    EXPECT_TRUE(m_recorder.Contains("OS remove file " + Quote(sTo)));
+    EXPECT_TRUE(m_recorder.Contains("Error=Invalid cross-device link (18)"));
+    EXPECT_EQ(ReadWholeFile(sFrom), "text");
+    for (const char* pcName : {"a", "b"})
+        EXPECT_EQ(umount2(m_folder.Path(pcName).c_str(), MNT_DETACH), 0);
+}
+
+TEST_F(UtilitiesFilesRename, OntoALinkToTheFile_ReplacesTheLink)
+{
+    m_folder.Write("from", "text");
+    std::filesystem::create_symlink("from", m_sTo);
+    GetID(m_sFrom);
+    SetBits(LOG_CONTROL_FILE_ACCESS);
+    EXPECT_TRUE(Rename());
+    EXPECT_TRUE(m_recorder.Contains("OS remove file " + Quote(m_sTo)));
+    EXPECT_FALSE(std::filesystem::is_symlink(m_sTo));
+    EXPECT_EQ(ReadWholeFile(m_sTo), "text");
+    EXPECT_FALSE(std::filesystem::exists(m_sFrom));
 }
 
 TEST_F(UtilitiesFilesRename, Folder_MovesWithItsContents)

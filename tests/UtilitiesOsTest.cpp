@@ -1,10 +1,13 @@
 #include "Utilities.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <fcntl.h>
 #include <functional>
 #include <ostream>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -363,11 +366,11 @@ TEST_P(UtilitiesOsWrapper, Failure_NoTextWanted_StillWritesItsLine)
 
 TEST_F(UtilitiesOs, FileCreate_NewFile_IsForAllWithinTheMask)
 {
-    const mode_t iMask = umask(022);
+    const mode_t iMask = umask(02);
     const CAutoFd file(
         m_utilities.OS_FileCreate(&m_param, &m_argu, m_folder.Path("new").c_str(), nullptr));
     umask(iMask);
-    EXPECT_EQ(GetMode(m_folder.Path("new")), 0644U);
+    EXPECT_EQ(GetMode(m_folder.Path("new")), 0664U);
     EXPECT_EQ(fcntl(file.Get(), F_GETFL) & O_ACCMODE, O_RDWR);
     EXPECT_EQ(fcntl(file.Get(), F_GETFD), FD_CLOEXEC);
 }
@@ -390,6 +393,53 @@ TEST_F(UtilitiesOs, FileOpen_UsesTheFlagsAndCreatesNothing)
     EXPECT_EQ(m_utilities.OS_FileOpen(&m_param, &m_argu, m_folder.Path("new").c_str(), O_RDWR,
                                       false, nullptr),
               -1);
+}
+
+// A pipe in an export: without its other end, an open would wait for ever.
+TEST_F(UtilitiesOs, Opens_OfAPipe_DoNotWait)
+{
+    const std::string sFile = m_folder.Write("file", "");
+    const CAutoFd opened(
+        m_utilities.OS_FileOpen(&m_param, &m_argu, sFile.c_str(), O_RDONLY, false, nullptr));
+    const CAutoFd created(m_utilities.OS_FileCreate(&m_param, &m_argu, sFile.c_str(), nullptr));
+    const CAutoFd forced(ForceOpen(sFile));
+    for (const int iFile : {opened.Get(), created.Get(), forced.Get()})
+        ASSERT_NE(fcntl(iFile, F_GETFL) & O_NONBLOCK, 0);  // or what follows would wait
+
+    const std::string sPipe = m_folder.Path("pipe");
+    ASSERT_EQ(mkfifo(sPipe.c_str(), 0600), 0);
+    EXPECT_EQ(m_utilities.OS_FileOpen(&m_param, &m_argu, sPipe.c_str(), O_WRONLY, true, m_cError),
+              -1);
+    EXPECT_STREQ(m_cError, "No such device or address (6)");  // nobody reads
+    const CAutoFd reader(
+        m_utilities.OS_FileOpen(&m_param, &m_argu, sPipe.c_str(), O_RDONLY, true, nullptr));
+    EXPECT_NE(reader.Get(), -1);
+    char cByte = 0;
+    EXPECT_EQ(m_utilities.OS_FileRead(&m_param, &m_argu, reader.Get(), &cByte, 1, nullptr), 0);
+    EXPECT_FALSE(m_utilities.OS_SetFileSize(&m_param, &m_argu, sPipe.c_str(), 3, m_cError));
+    EXPECT_STREQ(m_cError, "Invalid argument (22)");
+}
+
+// A terminal in an export: whoever hangs it up must not end the server.
+TEST_F(UtilitiesOs, Opens_OfATerminal_DoNotMakeItTheServersOwn)
+{
+    const CAutoFd master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    char cName[64];
+    ASSERT_EQ(grantpt(master.Get()) | unlockpt(master.Get()), 0);
+    ASSERT_EQ(ptsname_r(master.Get(), cName, sizeof(cName)), 0);
+    const pid_t iChild = fork();
+    if (iChild == 0) {
+        setsid();  // without a terminal, as a daemon
+        const int iFile = m_utilities.OS_FileOpen(&m_param, &m_argu, cName, O_RDWR, false, nullptr);
+        const int iCreated = m_utilities.OS_FileCreate(&m_param, &m_argu, cName, nullptr);
+        m_utilities.OS_SetFileSize(&m_param, &m_argu, cName, 3, nullptr);
+        if (iFile == -1 || iCreated == -1)
+            _exit(2);
+        _exit(tcgetsid(iFile) == -1 ? 0 : 1);
+    }
+    int iStatus = -1;
+    ASSERT_EQ(waitpid(iChild, &iStatus, 0), iChild);
+    EXPECT_EQ(iStatus, 0);
 }
 
 TEST_F(UtilitiesOs, FileReadAndWrite_MoveThePosition)

@@ -76,6 +76,9 @@ public:
 
     void CloseInput() { m_Input.Reset(); }
 
+    // From here on nobody reads what the program writes.
+    void CloseOutput() { m_Output.Reset(); }
+
     // Waits until the program has written sText and yields all that it wrote since the last call,
     // sText included. A failure, and what there is, if it ends or falls silent before.
     std::string ReadUntil(const std::string& sText)

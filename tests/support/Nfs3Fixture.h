@@ -97,6 +97,18 @@ protected:
         return GetWritten(m_out);
     }
 
+    // The lines of a call with only these log bits.
+    Lines LinesOf(int iBits, uint32_t iProc, const std::string& sArguments)
+    {
+        const int iBefore = m_param.GetLogControl();
+        m_param.SetID("host");
+        m_param.SetLogControl(iBits);
+        m_recorder.Clear();
+        Process(iProc, sArguments);
+        m_param.SetLogControl(iBefore);
+        return m_recorder.Lines();
+    }
+
     std::string HandleOf(const std::string& sPath) { return MakeHandle(GetID(sPath)); }
 
     // The handle as an argument, behind its length.

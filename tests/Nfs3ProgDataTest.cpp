@@ -26,7 +26,7 @@ std::atomic<size_t> g_iAllocations = 0;
 
 }  // namespace
 
-void* operator new(size_t iSize)
+__attribute__((noinline)) void* operator new(size_t iSize)
 {
     g_iAllocations++;
     if (void* pMemory = malloc(iSize))
@@ -34,12 +34,12 @@ void* operator new(size_t iSize)
     throw std::bad_alloc();
 }
 
-void operator delete(void* pMemory) noexcept
+__attribute__((noinline)) void operator delete(void* pMemory) noexcept
 {
     free(pMemory);
 }
 
-void operator delete(void* pMemory, size_t) noexcept
+__attribute__((noinline)) void operator delete(void* pMemory, size_t) noexcept
 {
     free(pMemory);
 }

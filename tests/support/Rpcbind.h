@@ -1,6 +1,7 @@
 // The port mapper that other systems come with, as a test needs it.
 #pragma once
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <sched.h>
@@ -30,21 +31,19 @@ public:
         RpcCall call;
         call.iProg = WIRE_PORTMAP_PROG;
         call.iVers = 2;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         while (m_iPid != -1 && !CallOnce(WIRE_PORTMAP_PORT, call).IsSuccess(call.iXid)) {
             if (waitpid(m_iPid, nullptr, WNOHANG) != 0) {
                 ADD_FAILURE() << "rpcbind does not run";
                 m_iPid = -1;
+            } else if (std::chrono::steady_clock::now() > end) {
+                ADD_FAILURE() << "rpcbind does not answer; does it know the services (netbase)?";
+                Stop();
             }
             sched_yield();
         }
     }
-    ~CRpcbind()
-    {
-        if (m_iPid != -1) {
-            kill(m_iPid, SIGKILL);
-            waitpid(m_iPid, nullptr, 0);
-        }
-    }
+    ~CRpcbind() { Stop(); }
     CRpcbind(const CRpcbind&) = delete;
     CRpcbind& operator=(const CRpcbind&) = delete;
 
@@ -55,6 +54,15 @@ private:
     {
         return static_cast<pid_t>(
             syscall(SYS_clone, iFlags | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+    }
+
+    void Stop()
+    {
+        if (m_iPid == -1)
+            return;
+        kill(m_iPid, SIGKILL);
+        waitpid(m_iPid, nullptr, 0);
+        m_iPid = -1;
     }
 
     [[noreturn]] static void RunFirst()

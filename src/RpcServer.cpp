@@ -114,18 +114,28 @@ int CRpcServer::AnswerCall(CSocket* pSocket, const std::string& sRemoteAddr)
     if (pRuntimeParam->IsLogRpc())
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Input buf size(%u) pos(%u)", logArgu.pcName,
                               pIn->GetFilledBufferSize(), pIn->GetBufferIndex());
-    if (!FindHeader(pSocket, &logArgu)) {
+    // What was searched in vain before is not searched again, unless someone wants to see the lines
+    // of the search: what was no call does not become one.
+    unsigned int iSearched = pRuntimeParam->IsLogRpc() ? 0 : pSocket->GetSearchedSize();
+    const unsigned int iFirst = pIn->GetBufferIndex();
+    if (!Search(pRuntimeParam, &logArgu, pSocket->GetProgId(), pSocket->GetType(), pIn,
+                iSearched)) {
+        RememberSearch(pSocket);
         if (pRuntimeParam->IsLogRpc())
             m_pUtilities->LogInfo(pRuntimeParam, "[%s] Cannot find valid header!!", logArgu.pcName);
         return PRC_TRUNCATED;
     }
+    pSocket->SetSearchedSize(0);
     const unsigned int iStart = pIn->GetBufferIndex();
+    if (iStart != iFirst)
+        iSearched = 0;
     const unsigned long long iRecordEnd = 0ULL + iStart + MARK_SIZE + GetRecordLength(pIn);
     const int iResult = Process(pRuntimeParam, pSocket->GetProgId(), pSocket->GetType(), pIn, pOut,
                                 sRemoteAddr.c_str());
-    if (iResult == PRC_TRUNCATED && !FindNextHeader(pSocket, iRecordEnd)) {
+    if (iResult == PRC_TRUNCATED && !FindNextHeader(pSocket, iRecordEnd, iStart + iSearched)) {
         pOut->ResetBuffer();
         pIn->SetBufferIndex(iStart);  // the whole record again, once more of it has arrived
+        RememberSearch(pSocket);
         if (pRuntimeParam->IsLogRpc())
             m_pUtilities->LogInfo(pRuntimeParam, "[%s] Reset input buffer postion", logArgu.pcName);
     }
@@ -136,29 +146,25 @@ int CRpcServer::AnswerCall(CSocket* pSocket, const std::string& sRemoteAddr)
     return iResult;
 }
 
-// Garbage is searched once, not again with every piece that arrives, unless someone wants to see
-// the lines of the search: what was no call does not become one.
-bool CRpcServer::FindHeader(CSocket* pSocket, LogArgu* pLogArgu)
+// Every place among the unread bytes that has room for a header was looked at.
+void CRpcServer::RememberSearch(CSocket* pSocket)
 {
-    CInputStream* pIn = pSocket->GetInputStream();
-    const unsigned int iFrom = m_pRuntimeParam.IsLogRpc() ? 0 : pSocket->GetSearchedSize();
-    const bool bFound =
-        Search(&m_pRuntimeParam, pLogArgu, pSocket->GetProgId(), pSocket->GetType(), pIn, iFrom);
-    const unsigned int iFilled = pIn->GetFilledBufferSize();
+    const unsigned int iUnread = pSocket->GetInputStream()->GetFilledBufferSize();
     const unsigned int iHeader = GetHeaderSize(pSocket->GetType());
-    pSocket->SetSearchedSize(bFound || iFilled < iHeader ? 0 : iFilled - iHeader + 1);
-    return bFound;
+    pSocket->SetSearchedSize(iUnread < iHeader ? 0 : iUnread - iHeader + 1);
 }
 
 // After a truncated call: is there another one behind it? Not before the end that its record
-// announces, for whatever lies there is the record's own data, not a call.
-bool CRpcServer::FindNextHeader(CSocket* pSocket, unsigned long long iRecordEnd)
+// announces, for whatever lies there is the record's own data, not a call; nor before iSearchedEnd.
+bool CRpcServer::FindNextHeader(CSocket* pSocket, unsigned long long iRecordEnd,
+                                unsigned int iSearchedEnd)
 {
     CInputStream* pIn = pSocket->GetInputStream();
     if (pSocket->GetType() == SOCKET_STREAM) {
         if (iRecordEnd > pIn->GetBufferEnd())
             return false;
-        pIn->SetBufferIndex(std::max(pIn->GetBufferIndex(), static_cast<unsigned int>(iRecordEnd)));
+        pIn->SetBufferIndex(
+            std::max({pIn->GetBufferIndex(), static_cast<unsigned int>(iRecordEnd), iSearchedEnd}));
     }
     LogArgu logArgu = {"RpcServer.SocketReceived"};
     return LookForValidHeader(&m_pRuntimeParam, &logArgu, pSocket->GetProgId(), pSocket->GetType(),
@@ -183,6 +189,7 @@ bool CRpcServer::LookForValidHeader(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
     return Search(pRuntimeParam, pLogArgu, iProg, iSocketType, pIn, 0);
 }
 
+// Looks at the read position and then from iFrom bytes behind it.
 bool CRpcServer::Search(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long iProg,
                         int iSocketType, CInputStream* pIn, unsigned int iFrom)
 {
@@ -193,7 +200,7 @@ bool CRpcServer::Search(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigne
 
     const unsigned int iFilled = pIn->GetFilledBufferSize();
     const unsigned char* pcBuffer = pIn->GetCurrentBuffer();
-    for (unsigned int k = iFrom; k + iSize <= iFilled; k++) {
+    for (unsigned int k = 0; k + iSize <= iFilled; k = std::max(k + 1, iFrom)) {
         const unsigned char* pcWords = pcBuffer + k + iProgAt;
         const unsigned int iFound = CSocketStream::LoadWord(pcWords);
         if (iFound == iProg) {

@@ -91,8 +91,8 @@ public:
 private:
     bool AnswerCalls(CSocket* pSocket) REQUIRES(m_hMutex);
     int AnswerCall(CSocket* pSocket, const std::string& sRemoteAddr) REQUIRES(m_hMutex);
-    bool FindHeader(CSocket* pSocket, LogArgu* pLogArgu) REQUIRES(m_hMutex);
-    bool FindNextHeader(CSocket* pSocket, unsigned long long iRecordEnd);
+    void RememberSearch(CSocket* pSocket);
+    bool FindNextHeader(CSocket* pSocket, unsigned long long iRecordEnd, unsigned int iSearchedEnd);
     bool Search(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long iProg,
                 int iSocketType, CInputStream* pIn, unsigned int iFrom);
     CRpcProg* FindProgram(unsigned long iProg) const;

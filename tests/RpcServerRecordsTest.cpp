@@ -450,13 +450,48 @@ TEST_F(RpcServerRecordsTest, Quiet_WhatWasSearchedInVain_IsNotSearchedAgain)
         m_Rpc.SocketReceived(&connection);
         EXPECT_EQ(connection.GetSearchedSize(), i * 1000 - TCP_HEADER_SIZE + 1);
     }
-    // A call that only a search from the start would find; nothing of it is ever sent there.
+    // A call that only a search of it all would find; nothing of it is ever sent there.
     const std::string sRecord = FakeCall(FAKE_NULL, 91).Record();
-    memcpy(pIn->GetFreeBuffer() - 3000, sRecord.data(), sRecord.size());
+    memcpy(pIn->GetFreeBuffer() - 2500, sRecord.data(), sRecord.size());
     m_Rpc.SocketReceived(&connection);
     EXPECT_EQ(m_Prog.m_iCalls, 0);
     m_Rpc.SetLogControl(LOG_CONTROL_RPC);  // whoever wants the lines gets the whole search
     m_Rpc.SocketReceived(&connection);
     EXPECT_EQ(m_Prog.m_iCalls, 1);
     EXPECT_EQ(connection.GetOutputStream()->GetBufferSize(), EMPTY_REPLY_SIZE);
+}
+
+TEST_F(RpcServerRecordsTest, Quiet_BehindACallThatNeverEnds_IsSearchedOnceAndTheNextCallIsFound)
+{
+    m_Rpc.SetLogControl(0);
+    CSocket connection(SOCKET_STREAM, PROG);  // not open: replies stay in its output
+    CInputStream* pIn = connection.GetInputStream();
+    const auto Receive = [&](const std::string& sBytes) {
+        memcpy(pIn->GetFreeBuffer(), sBytes.data(), sBytes.size());
+        pIn->AddFilledBufferSize(static_cast<unsigned int>(sBytes.size()));
+        m_Rpc.SocketReceived(&connection);
+    };
+    std::string sEndless = FakeCall(FAKE_NULL, 90).Record();
+    sEndless.replace(0, 4, 4, '\0');     // a mark that announces nothing
+    sEndless.replace(32, 4, 4, '\xFF');  // a credential that is longer than anything
+    Receive(sEndless);
+    for (unsigned int i = 1; i <= 3; i++) {
+        Receive(std::string(1000, 'x'));
+        EXPECT_EQ(connection.GetSearchedSize(), i * 1000 + 1);
+    }
+    const std::string sRecord = FakeCall(FAKE_NULL, 91).Record();
+    memcpy(pIn->GetFreeBuffer() - 2500, sRecord.data(), sRecord.size());
+    Receive("x");
+    EXPECT_EQ(connection.GetOutputStream()->GetBufferSize(), 0U);
+    pIn->SetBufferEnd(pIn->GetBufferEnd() - 1);
+
+    // Behind what was searched, it counts: the endless call is given up, and the next receive
+    // answers the one behind it.
+    const int iCalls = m_Prog.m_iCalls;
+    Receive(FakeCall(FAKE_NULL, 92).Record());
+    connection.GetOutputStream()->ResetBuffer();
+    m_Rpc.SocketReceived(&connection);
+    EXPECT_EQ(m_Prog.m_iCalls, iCalls + 2);
+    EXPECT_EQ(connection.GetOutputStream()->GetBufferSize(), EMPTY_REPLY_SIZE);
+    EXPECT_EQ(pIn->GetFilledBufferSize(), 0U);
 }

@@ -22,11 +22,12 @@ void PrepareProcess()
     int iFile = open("/dev/null", O_RDWR);
     while (iFile != -1 && iFile <= STDERR_FILENO)
         iFile = open("/dev/null", O_RDWR);
-    close(iFile);
+    if (iFile != -1)
+        close(iFile);
     struct rlimit files = {};
     if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
         files.rlim_cur = files.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &files);
+        setrlimit(RLIMIT_NOFILE, &files);  // refused: the cache makes do with less
     }
 }
 

@@ -177,6 +177,7 @@ private:
     bool OpenSockets(SocketIndex index, int iProg, int iPort, int iMaxNum, char* pcSocketReason)
         REQUIRES(m_hMutexServer);
     bool RegisterPrograms(char* pcReason) REQUIRES(m_hMutexServer);
+    void ReportRegistration(const char* pcText, char* pcReason);
     void StopAll() REQUIRES(m_hMutexServer);
 
     std::unique_ptr<CRuntimeParam> m_pRuntimeParam;  // owned

@@ -162,28 +162,29 @@ bool CNfsMain::OpenListeners(int iMountPort, int iNfsPort, char* pcReason)
 bool CNfsMain::RegisterPrograms(char* pcReason)
 {
     char cError[REASON_SIZE] = "";
+    char cText[REASON_SIZE] = "";
     const bool bNfs =
         m_pPortmap->Register(PROG_NFS, NFS_V3, m_Sockets[SOCKETS_NFS].pServerSocket.get(), cError);
     if (!bNfs) {
-        if (HasFileLogger())
-            m_pUtilities->LogError(m_pRuntimeParam.get(),
-                                   "Fail to register NFS daemon to external portmapper. Reason=%s",
-                                   cError);
-        FormatReason(pcReason, "Fail to register NFS daemon to external portmapper. Reason=%s",
+        FormatReason(cText, "Fail to register NFS daemon to external portmapper. Reason=%s",
                      cError);
+        ReportRegistration(cText, pcReason);
     }
     const bool bMount = m_pPortmap->Register(PROG_MOUNT, MOUNT_V3,
                                              m_Sockets[SOCKETS_MOUNT].pServerSocket.get(), cError);
     if (!bMount) {
-        if (HasFileLogger())
-            m_pUtilities->LogError(
-                m_pRuntimeParam.get(),
-                "Fail to register Mount daemon to external portmapper. Reason=%s", cError);
-        if (bNfs)
-            FormatReason(pcReason,
-                         "Fail to register Mount daemon to external portmapper. Reason=%s", cError);
+        FormatReason(cText, "Fail to register Mount daemon to external portmapper. Reason=%s",
+                     cError);
+        ReportRegistration(cText, bNfs ? pcReason : nullptr);
     }
     return bNfs && bMount;
+}
+
+void CNfsMain::ReportRegistration(const char* pcText, char* pcReason)
+{
+    if (HasFileLogger())
+        m_pUtilities->LogError(m_pRuntimeParam.get(), "%s", pcText);
+    CopyText(pcReason, REASON_SIZE, pcText);
 }
 
 void CNfsMain::StopServer()

@@ -319,8 +319,9 @@ private:
         std::string sPath;    // set with bClose
     };
 
-    bool IsMountInfoDefined(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                            const char* pcLocalPath, const char* pcExportName, char* pcReason)
+    bool IsExportNameDefined(const char* pcExportName, char* pcReason) const
+        REQUIRES(m_hMutexMountInfos);
+    bool IsLocalMountPathDefined(const char* pcCanonicalPath, char* pcReason) const
         REQUIRES(m_hMutexMountInfos);
     const MountInfo* FindMountInfoByLocalMountPath(const char* pcCanonicalPath) const
         REQUIRES(m_hMutexMountInfos);

@@ -38,15 +38,17 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
     char cPath[PATH_SIZE];
     GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalPath);
 
-    // One hold for the test and the insert, so that two adds of one name cannot both pass.
-    const CMutexLock lock(m_hMutexMountInfos);
-    if (IsMountInfoDefined(pRuntimeParam, pLogArgu, cPath, pcExportName, pcReason))
+    if (IsMountInfoExists(pRuntimeParam, pLogArgu, cPath, pcExportName, pcReason))
         return false;
     const size_t iInvalid = strcspn(pcExportName, "/ ");
     if (pcExportName[iInvalid] != '\0') {
         FormatReason(pcReason, "Invalid char \"%c\" inside export name", pcExportName[iInvalid]);
         return false;
     }
+    // Tested again in the hold of the insert: of two adds at once, one wins.
+    const CMutexLock lock(m_hMutexMountInfos);
+    if (IsExportNameDefined(pcExportName, pcReason) || IsLocalMountPathDefined(cPath, pcReason))
+        return false;
     m_MountInfos[pcExportName] = {cPath, pcExportName, pcIpcID == nullptr ? "" : pcIpcID, ""};
     m_ExportIndex.Add(cPath, pcExportName);
     return true;
@@ -56,26 +58,33 @@ bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
                                    const char* pcLocalPath, const char* pcExportName,
                                    char* pcReason)
 {
-    const CMutexLock lock(m_hMutexMountInfos);
-    return IsMountInfoDefined(pRuntimeParam, pLogArgu, pcLocalPath, pcExportName, pcReason);
-}
-
-// The name is tested first: a known name is reported as such also where the path is known too.
-bool CUtilities::IsMountInfoDefined(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
-                                    const char* pcLocalPath, const char* pcExportName,
-                                    char* pcReason)
-{
-    if (pcExportName != nullptr && m_MountInfos.count(pcExportName) > 0) {
-        FormatReason(pcReason, "Export name \"%s\" already defined", pcExportName);
-        return true;
+    // The name is tested first: a known one is reported as such also where the path is known too.
+    if (pcExportName != nullptr) {
+        const CMutexLock lock(m_hMutexMountInfos);
+        if (IsExportNameDefined(pcExportName, pcReason))
+            return true;
     }
     if (pcLocalPath == nullptr)
         return false;
     char cPath[PATH_SIZE];
-    GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalPath);
-    if (FindMountInfoByLocalMountPath(cPath) == nullptr)
+    GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalPath);  // slow, so outside the mutex
+    const CMutexLock lock(m_hMutexMountInfos);
+    return IsLocalMountPathDefined(cPath, pcReason);
+}
+
+bool CUtilities::IsExportNameDefined(const char* pcExportName, char* pcReason) const
+{
+    if (m_MountInfos.count(pcExportName) == 0)
         return false;
-    FormatReason(pcReason, "Local mount path \"%s\" already defined", cPath);
+    FormatReason(pcReason, "Export name \"%s\" already defined", pcExportName);
+    return true;
+}
+
+bool CUtilities::IsLocalMountPathDefined(const char* pcCanonicalPath, char* pcReason) const
+{
+    if (FindMountInfoByLocalMountPath(pcCanonicalPath) == nullptr)
+        return false;
+    FormatReason(pcReason, "Local mount path \"%s\" already defined", pcCanonicalPath);
     return true;
 }
 

@@ -1,12 +1,12 @@
 #include "Portmap.h"
 
 #include <dlfcn.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "DescriptorShortage.h"
 #include "FileLogger.h"
 #include "LogRecorder.h"
 #include "NfsMain.h"
@@ -130,23 +130,6 @@ bool MapElsewhere(int iProtocol)
     int iStatus = -1;
     return waitpid(iPid, &iStatus, 0) == iPid && iStatus == 0;
 }
-
-// No more descriptors for this process while it exists.
-class CDescriptorFamine {
-public:
-    CDescriptorFamine()
-    {
-        getrlimit(RLIMIT_NOFILE, &m_Limit);
-        const struct rlimit none = {0, m_Limit.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &none);
-    }
-    ~CDescriptorFamine() { setrlimit(RLIMIT_NOFILE, &m_Limit); }
-    CDescriptorFamine(const CDescriptorFamine&) = delete;
-    CDescriptorFamine& operator=(const CDescriptorFamine&) = delete;
-
-private:
-    struct rlimit m_Limit = {};
-};
 
 // No port mapper runs unless a test starts one.
 class Portmap : public testing::Test {
@@ -295,7 +278,7 @@ TEST_F(Portmap, CreateSocket_NumberThatIsNoPort_IsMinusTwo)
 TEST_F(Portmap, CreateSocket_NoDescriptor_IsMinusOne)
 {
     CPortmap portmap(&m_utilities, &m_param);
-    const CDescriptorFamine famine;
+    const CDescriptorShortage famine;
     EXPECT_EQ(portmap.CreateSocket(OTHER_PORT, m_cReason), -1);
     EXPECT_STREQ(m_cReason, "Error opening socket for port 4050");
     EXPECT_EQ(portmap.CreateSocket(OTHER_PORT, nullptr), -1);
@@ -304,7 +287,7 @@ TEST_F(Portmap, CreateSocket_NoDescriptor_IsMinusOne)
 TEST_F(Portmap, NoDescriptorForTheProbe_IsNotRunning)
 {
     const CAutoFd other(OccupyPort(SOCK_STREAM, PORTMAP_PORT));
-    const CDescriptorFamine famine;
+    const CDescriptorShortage famine;
     EXPECT_FALSE(CPortmap(&m_utilities, &m_param).IsRunning());
     EXPECT_EQ(m_recorder.Lines(), Lines{});
 }
@@ -398,7 +381,7 @@ TEST_F(PortmapWithRpcbind, Register_SocketZeroAndNoDescriptor_Fails)
     CPortmap portmap(&m_utilities, &m_param);
     const size_t iDescriptors = CountDescriptors();
     {
-        const CDescriptorFamine famine;
+        const CDescriptorShortage famine;
         EXPECT_FALSE(portmap.Register(PROG_MOUNT, 3, 0, OTHER_PORT, m_cReason));
     }
     EXPECT_STREQ(m_cReason, "Fail to opening register socket for port 4050. "

@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
@@ -17,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "DatagramSocket.h"
+#include "DescriptorShortage.h"
 #include "Ports.h"
 #include "Sanitizers.h"
 #include "ServerSocket.h"
@@ -102,36 +102,6 @@ public:
     }
 };
 
-// Leaves this process so many descriptors, as long as it lives.
-class CFewDescriptors {
-public:
-    explicit CFewDescriptors(int iLeft)
-    {
-        getrlimit(RLIMIT_NOFILE, &m_Limit);
-        const struct rlimit low = {64, m_Limit.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &low);
-        for (;;) {
-            CAutoFd file(open("/dev/null", O_RDONLY | O_CLOEXEC));
-            if (file.Get() == -1)
-                break;
-            m_vFiles.push_back(std::move(file));
-        }
-        for (int i = 0; i < iLeft; i++)
-            m_vFiles.pop_back();
-    }
-    ~CFewDescriptors()
-    {
-        m_vFiles.clear();
-        setrlimit(RLIMIT_NOFILE, &m_Limit);
-    }
-    CFewDescriptors(const CFewDescriptors&) = delete;
-    CFewDescriptors& operator=(const CFewDescriptors&) = delete;
-
-private:
-    struct rlimit m_Limit = {};
-    std::vector<CAutoFd> m_vFiles;
-};
-
 class SocketShortage : public testing::Test {
 protected:
     void SetUp() override
@@ -203,7 +173,7 @@ TEST_F(SocketShortage, OpenTcp_DescriptorsForThePortOnly_FailsWithReasonAndLeave
     for (const int iLeft : {1, 2}) {
         m_cReason[0] = '\0';
         {
-            const CFewDescriptors few(iLeft);
+            const CDescriptorShortage few(static_cast<size_t>(iLeft));
             EXPECT_FALSE(OpenTcp());
         }
         EXPECT_STREQ(m_cReason, "Fail to create server socket. Too many open files (24)") << iLeft;
@@ -216,7 +186,7 @@ TEST_F(SocketShortage, OpenUdp_DescriptorsForThePortOnly_FailsWithReasonAndLeave
     for (const int iLeft : {1, 2}) {
         m_cReason[0] = '\0';
         {
-            const CFewDescriptors few(iLeft);
+            const CDescriptorShortage few(static_cast<size_t>(iLeft));
             EXPECT_FALSE(OpenUdp());
         }
         EXPECT_STREQ(m_cReason, "Fail to create datagram socket. Too many open files (24)")

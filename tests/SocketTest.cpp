@@ -10,7 +10,6 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <thread>
@@ -21,6 +20,7 @@
 
 #include "AutoFd.h"
 #include "DatagramSocket.h"
+#include "DescriptorShortage.h"
 #include "LogWaiter.h"
 #include "RuntimeParam.h"
 #include "ServerSocket.h"
@@ -196,34 +196,6 @@ bool IsServed(CTcpClient* pClient)
     const std::string sLine = ExpectedLine(pClient->Socket(), 1);
     return pClient->Send("?") && pClient->ReceiveRaw(sLine.size()) == sLine;
 }
-
-// Takes every descriptor that is left, as long as it lives.
-class CShortage {
-public:
-    CShortage()
-    {
-        getrlimit(RLIMIT_NOFILE, &m_Limit);
-        const struct rlimit low = {64, m_Limit.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &low);
-        for (;;) {
-            CAutoFd file(open("/dev/null", O_RDONLY | O_CLOEXEC));
-            if (file.Get() == -1)
-                break;
-            m_vFiles.push_back(std::move(file));
-        }
-    }
-    ~CShortage()
-    {
-        m_vFiles.clear();
-        setrlimit(RLIMIT_NOFILE, &m_Limit);
-    }
-    CShortage(const CShortage&) = delete;
-    CShortage& operator=(const CShortage&) = delete;
-
-private:
-    struct rlimit m_Limit = {};
-    std::vector<CAutoFd> m_vFiles;
-};
 
 class SocketTest : public testing::Test {
 protected:
@@ -453,7 +425,7 @@ TEST_F(SocketTest, Open_NoDescriptorLeft_FailsWithReason)
 {
     char cReason[REASON_SIZE] = "";
     {
-        const CShortage shortage;
+        const CDescriptorShortage shortage;
         EXPECT_FALSE(m_Tcp.Open(PROG, PORT, 10, &m_Utilities, cReason));
     }
     EXPECT_STREQ(cReason, "Fail to create server socket. Too many open files (24)");
@@ -556,7 +528,7 @@ TEST_F(SocketTest, AcceptWithoutDescriptors_NeitherSpinsNorEnds)
     const CAutoFd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const auto start = std::chrono::steady_clock::now();
     {
-        const CShortage shortage;
+        const CDescriptorShortage shortage;
         g_iAccepts = 0;
         sockaddr_in address = {};
         address.sin_family = AF_INET;
@@ -708,7 +680,7 @@ TEST_F(SocketTest, OpenUdp_NoDescriptorLeft_FailsWithReason)
 {
     char cReason[REASON_SIZE] = "";
     {
-        const CShortage shortage;
+        const CDescriptorShortage shortage;
         EXPECT_FALSE(m_Udp.Open(PROG, PORT, &m_Utilities, cReason));
     }
     EXPECT_STREQ(cReason, "Fail to create datagram socket. Too many open files (24)");

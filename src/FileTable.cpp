@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "Text.h"
+
 CFileTable::~CFileTable()
 {
     Clear();
@@ -45,11 +47,26 @@ bool CFileTable::UpdateItemPath(const char* pcOldPath, const char* pcNewPath)
     FileItem* pItem = FindItemByPath(pcOldPath);
     if (pItem == nullptr)
         return false;
-
-    RemoveFromIndex(pItem);
-    pItem->sPath = pcNewPath;
-    AddToIndex(pItem);
+    MoveItem(pItem, pcNewPath);
     return true;
+}
+
+void CFileTable::UpdateItemPathsBelow(const char* pcOldFolder, const char* pcNewFolder)
+{
+    if (pcOldFolder == nullptr || pcNewFolder == nullptr)
+        return;
+    const size_t iOldLength = strlen(pcOldFolder);
+    for (std::vector<FileItem>& vBlock : m_vvTable)
+        for (FileItem& item : vBlock)
+            if (IsPathBelow(item.sPath, pcOldFolder))
+                MoveItem(&item, pcNewFolder + item.sPath.substr(iOldLength));
+}
+
+void CFileTable::MoveItem(FileItem* pItem, const std::string& sNewPath)
+{
+    RemoveFromIndex(pItem);
+    pItem->sPath = sNewPath;
+    AddToIndex(pItem);
 }
 
 FileItem* CFileTable::AddItem(const char* pcPath)

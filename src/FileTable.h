@@ -43,6 +43,10 @@ public:
     // or the old path was never added.
     bool UpdateItemPath(const char* pcOldPath, const char* pcNewPath);
 
+    // Lets all entries below pcOldFolder stand for what now lies below pcNewFolder, under the same
+    // IDs. Looks at every entry.
+    void UpdateItemPathsBelow(const char* pcOldFolder, const char* pcNewFolder);
+
     // Entries are owned by the table and stay where they are until Clear; null where there is none.
     // AddItem does not ask whether the path has an entry already.
     FileItem* AddItem(const char* pcPath);
@@ -64,6 +68,7 @@ private:
         std::set<std::pair<unsigned long long, unsigned int>> found;  // those in m_vCache, by age
     };
 
+    void MoveItem(FileItem* pItem, const std::string& sNewPath);
     void AddToIndex(const FileItem* pItem);
     void RemoveFromIndex(const FileItem* pItem);  // the entry is still under its old path
     void RememberFoundID(unsigned int iID);

@@ -10,14 +10,14 @@
 #include "Text.h"
 #include "Utilities.h"
 
-// In the order of the numbers. Creating, removing, renaming and listing are not there yet.
+// In the order of the numbers.
 const CNfs3Prog::PPROC CNfs3Prog::PROCEDURES[] = {
     &CNfs3Prog::ProcedureNULL,   &CNfs3Prog::ProcedureGETATTR, &CNfs3Prog::ProcedureSETATTR,
     &CNfs3Prog::ProcedureLOOKUP, &CNfs3Prog::ProcedureACCESS,  &CNfs3Prog::ProcedureREADLINK,
-    &CNfs3Prog::ProcedureREAD,   &CNfs3Prog::ProcedureWRITE,   &CNfs3Prog::ProcedureNOIMP,
-    &CNfs3Prog::ProcedureNOIMP,  &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,
-    &CNfs3Prog::ProcedureNOIMP,  &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,
-    &CNfs3Prog::ProcedureNOIMP,  &CNfs3Prog::ProcedureNOIMP,   &CNfs3Prog::ProcedureNOIMP,
+    &CNfs3Prog::ProcedureREAD,   &CNfs3Prog::ProcedureWRITE,   &CNfs3Prog::ProcedureCREATE,
+    &CNfs3Prog::ProcedureMKDIR,  &CNfs3Prog::ProcedureSYMLINK, &CNfs3Prog::ProcedureMKNOD,
+    &CNfs3Prog::ProcedureREMOVE, &CNfs3Prog::ProcedureRMDIR,   &CNfs3Prog::ProcedureRENAME,
+    &CNfs3Prog::ProcedureLINK,   &CNfs3Prog::ProcedureREADDIR, &CNfs3Prog::ProcedureREADDIRPLUS,
     &CNfs3Prog::ProcedureFSSTAT, &CNfs3Prog::ProcedureFSINFO,  &CNfs3Prog::ProcedurePATHCONF,
     &CNfs3Prog::ProcedureCOMMIT,
 };
@@ -108,7 +108,7 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInput
                               name.Get());
     if (!AppendFilePath(cDir, name.Get(), cJoined))
         return false;
-    m_pUtilities->GetCanonicalPath(pRuntimeParam, pLogArgu, pcPath, cJoined);
+    m_pUtilities->GetCanonicalTargetPath(pRuntimeParam, pLogArgu, pcPath, cJoined);
     if (pRuntimeParam->IsLogProcFuncArgu())
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Path = %s", pLogArgu->pcName, pcPath);
     return true;
@@ -153,9 +153,13 @@ nfsstat3 CNfs3Prog::CheckObject(ProcedureCall* pCall, const char* pcPath, Existe
     return stat == NFS3_OK ? CheckPath(pcPath, existence == MUST_EXIST) : stat;
 }
 
-nfsstat3 CNfs3Prog::CheckSkippedObject(ProcedureCall* pCall, CInputStream* pIn)
+nfsstat3 CNfs3Prog::CheckNamedObject(ProcedureCall* pCall, const char* pcPath)
 {
-    COpaquePath handle;
-    Read(pIn, &handle, true);
-    return CheckProcessParam(pCall->m_pRuntimeParam, &pCall->m_LogArgu, handle.Get());
+    const nfsstat3 stat = CheckObject(pCall, pcPath, MUST_EXIST);
+    return stat == NFS3ERR_IO ? NFS3ERR_NOENT : stat;
+}
+
+nfsstat3 CNfs3Prog::CheckUnknownObject(ProcedureCall* pCall)
+{
+    return CheckProcessParam(pCall->m_pRuntimeParam, &pCall->m_LogArgu, "");
 }

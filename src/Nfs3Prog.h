@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 
+#include "FolderReader.h"
 #include "LogArgu.h"
 #include "MountInfo.h"
 #include "Nfs3Types.h"
@@ -32,8 +34,9 @@ public:
     bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn, char* pcPath);
 
     // Reads a directory's handle and a name and turns them into the canonical path of that entry,
-    // which need not exist; false, with an empty path, if the directory is unknown or the joined
-    // path too long. The name is not checked: ".." leads to the parent.
+    // or of where it would be made if it does not exist; false, with an empty path, if the
+    // directory is unknown or the joined path too long. The name is not checked: ".." leads to the
+    // parent, a name with a "/" deeper down.
     bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pIn,
                   diropargs3* pArguments, char* pcPath);
 
@@ -89,6 +92,16 @@ private:
     int ProcedureREADLINK(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
     int ProcedureREAD(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
     int ProcedureWRITE(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureCREATE(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureMKDIR(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureSYMLINK(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureMKNOD(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureREMOVE(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureRMDIR(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureRENAME(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureLINK(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureREADDIR(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
+    int ProcedureREADDIRPLUS(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
     int ProcedureFSSTAT(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
     int ProcedureFSINFO(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
     int ProcedurePATHCONF(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam);
@@ -98,16 +111,33 @@ private:
     // The checks that open every procedure.
     nfsstat3 CheckObject(ProcedureCall* pCall, const char* pcPath, Existence existence);
 
-    // The same for a procedure that passes over its handle and so never knows its object: no
-    // ordinary export holds the empty path, and the call is refused.
-    nfsstat3 CheckSkippedObject(ProcedureCall* pCall, CInputStream* pIn);
+    // The same for an object that must be there, where one that is missing or outside the exports
+    // is NFS3ERR_NOENT: to the client there is no such name.
+    nfsstat3 CheckNamedObject(ProcedureCall* pCall, const char* pcPath);
 
-    // The attributes that follow a reply, where they can be read.
+    // The same for a procedure that passes over its handles and so never knows its object: no
+    // ordinary export holds the empty path, and the call is refused.
+    nfsstat3 CheckUnknownObject(ProcedureCall* pCall);
+
+    // The attributes and the handle that follow a reply, where they can be had.
     post_op_attr GetPostOpAttributes(ProcedureCall* pCall, const char* pcPath);
+    post_op_fh3 GetPostOpHandle(ProcedureCall* pCall, const char* pcPath);
     nfsstat3 CheckFileSystemObject(ProcedureCall* pCall, CInputStream* pIn, char* pcPath,
                                    post_op_attr* pAttributes);
     nfsstat3 CheckGuard(ProcedureCall* pCall, const char* pcPath, const sattrguard3& guard);
     nfsstat3 SetAttributes(ProcedureCall* pCall, const char* pcPath, const sattr3& attributes);
+    bool UpdateAttributes(ProcedureCall* pCall, const char* pcPath, const sattr3& attributes);
+    nfsstat3 CreateFile(ProcedureCall* pCall, const char* pcPath, const createhow3& how);
+    int EndCreation(ProcedureCall* pCall, COutputStream* pOut, const char* pcPath, nfsstat3 stat);
+    nfsstat3 ReadRemoval(ProcedureCall* pCall, CInputStream* pIn, char* pcPath);
+    nfsstat3 CheckRemoval(ProcedureCall* pCall, const diropargs3& what, const char* pcPath);
+    int List(ProcedureCall* pCall, CInputStream* pIn, COutputStream* pOut, bool bPlus);
+    bool WriteEntries(ProcedureCall* pCall, COutputStream* pOut, const char* pcPath,
+                      uint64_t iCookie, bool bPlus);
+    void WriteEntry(ProcedureCall* pCall, COutputStream* pOut, const char* pcFolder,
+                    const char* pcName, uint64_t iCookie, bool bPlus);
+    std::unique_ptr<CFolderReader> OpenFolderAt(ProcedureCall* pCall, const char* pcPath,
+                                                unsigned int iEntries);
     nfsstat3 ReadData(ProcedureCall* pCall, COutputStream* pOut, const char* pcPath,
                       uint64_t iOffset, uint32_t iCount, unsigned int* piRead, bool* pbEof);
     nfsstat3 WriteData(ProcedureCall* pCall, const char* pcPath, uint64_t iOffset, uint32_t iCount,

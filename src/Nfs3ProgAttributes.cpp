@@ -117,6 +117,14 @@ post_op_attr CNfs3Prog::GetPostOpAttributes(ProcedureCall* pCall, const char* pc
     return attr;
 }
 
+post_op_fh3 CNfs3Prog::GetPostOpHandle(ProcedureCall* pCall, const char* pcPath)
+{
+    post_op_fh3 handle;
+    handle.handle_follows =
+        GetNfsFileHandle(pCall->m_pRuntimeParam, &pCall->m_LogArgu, pcPath, &handle.handle);
+    return handle;
+}
+
 int CNfs3Prog::ProcedureGETATTR(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam)
 {
     ProcedureCall call(this, pParam, "Nfs3Prog.ProcedureGETATTR");
@@ -178,28 +186,32 @@ nfsstat3 CNfs3Prog::CheckGuard(ProcedureCall* pCall, const char* pcPath, const s
     return NFS3ERR_NOT_SYNC;
 }
 
-// A time that the server is to set is passed on as "set" with the value 0, not as the clock's.
 nfsstat3 CNfs3Prog::SetAttributes(ProcedureCall* pCall, const char* pcPath,
                                   const sattr3& attributes)
 {
-    const bool bSetAtime = attributes.atime.set_it != DONT_CHANGE;
-    const bool bSetMtime = attributes.mtime.set_it != DONT_CHANGE;
-    if ((m_iFSF3Properties & FSF3_CANSETTIME) == 0 && (bSetAtime || bSetMtime)) {
+    if ((m_iFSF3Properties & FSF3_CANSETTIME) == 0 &&
+        (attributes.atime.set_it != DONT_CHANGE || attributes.mtime.set_it != DONT_CHANGE)) {
         if (pCall->m_pRuntimeParam->IsLogError())
             m_pUtilities->LogError(pCall->m_pRuntimeParam, "[%s] Server don't allow settime",
                                    pCall->m_LogArgu.pcName);
         return NFS3ERR_INVAL;
     }
-    if (m_pUtilities->UpdateFileAttributes(
-            pCall->m_pRuntimeParam, &pCall->m_LogArgu, pcPath, attributes.mode.set_it,
-            attributes.mode.value, attributes.uid.set_it, attributes.uid.value,
-            attributes.gid.set_it, attributes.gid.value, attributes.size.set_it,
-            attributes.size.value, bSetAtime, attributes.atime.value.seconds,
-            attributes.atime.value.nseconds, bSetMtime, attributes.mtime.value.seconds,
-            attributes.mtime.value.nseconds))
+    if (UpdateAttributes(pCall, pcPath, attributes))
         return NFS3_OK;
     if (pCall->m_pRuntimeParam->IsLogError())
         m_pUtilities->LogError(pCall->m_pRuntimeParam, "[%s] Update file attribute to %s fail",
                                pCall->m_LogArgu.pcName, pcPath);
     return NFS3ERR_INVAL;
+}
+
+// A time that the server is to set is passed on as "set" with the value 0, not as the clock's.
+bool CNfs3Prog::UpdateAttributes(ProcedureCall* pCall, const char* pcPath, const sattr3& attributes)
+{
+    return m_pUtilities->UpdateFileAttributes(
+        pCall->m_pRuntimeParam, &pCall->m_LogArgu, pcPath, attributes.mode.set_it,
+        attributes.mode.value, attributes.uid.set_it, attributes.uid.value, attributes.gid.set_it,
+        attributes.gid.value, attributes.size.set_it, attributes.size.value,
+        attributes.atime.set_it != DONT_CHANGE, attributes.atime.value.seconds,
+        attributes.atime.value.nseconds, attributes.mtime.set_it != DONT_CHANGE,
+        attributes.mtime.value.seconds, attributes.mtime.value.nseconds);
 }

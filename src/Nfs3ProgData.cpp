@@ -156,11 +156,10 @@ int CNfs3Prog::ProcedureCOMMIT(CInputStream* pIn, COutputStream* pOut, ProcessPa
     ProcedureCall call(this, pParam, "Nfs3Prog.ProcedureCOMMIT");
     uint64_t iOffset = 0;
     uint32_t iCount = 0;
-    COpaquePath handle;
-    Read(pIn, &handle, true);
+    SkipOpaque(pIn);
     Read(pIn, &iOffset);
     Read(pIn, &iCount);
-    const nfsstat3 stat = CheckProcessParam(call.m_pRuntimeParam, &call.m_LogArgu, handle.Get());
+    const nfsstat3 stat = CheckUnknownObject(&call);
     Write(pOut, stat);
     Write(pOut, wcc_data{});
     if (stat == NFS3_OK)

@@ -64,7 +64,8 @@ nfsstat3 CNfs3Prog::CheckFileSystemObject(ProcedureCall* pCall, CInputStream* pI
 int CNfs3Prog::ProcedurePATHCONF(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam)
 {
     ProcedureCall call(this, pParam, "Nfs3Prog.ProcedurePATHCONF");
-    const nfsstat3 stat = CheckSkippedObject(&call, pIn);
+    SkipOpaque(pIn);
+    const nfsstat3 stat = CheckUnknownObject(&call);
     Write(pOut, stat);
     Write(pOut, post_op_attr{});
     if (stat == NFS3_OK) {

@@ -12,10 +12,7 @@ int CNfs3Prog::ProcedureLOOKUP(CInputStream* pIn, COutputStream* pOut, ProcessPa
     diropargs3 what;
     ReadPath(call.m_pRuntimeParam, &call.m_LogArgu, pIn, &what, cPath);
 
-    nfsstat3 stat = CheckObject(&call, cPath, MUST_EXIST);
-    if (stat == NFS3ERR_IO)
-        stat = NFS3ERR_NOENT;  // missing, or outside every export: to the client it is not there
-
+    const nfsstat3 stat = CheckNamedObject(&call, cPath);
     Write(pOut, stat);
     if (stat == NFS3_OK) {
         nfs_fh3 handle;
@@ -55,7 +52,8 @@ int CNfs3Prog::ProcedureACCESS(CInputStream* pIn, COutputStream* pOut, ProcessPa
 int CNfs3Prog::ProcedureREADLINK(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam)
 {
     ProcedureCall call(this, pParam, "Nfs3Prog.ProcedureREADLINK");
-    const nfsstat3 stat = CheckSkippedObject(&call, pIn);
+    SkipOpaque(pIn);
+    const nfsstat3 stat = CheckUnknownObject(&call);
     Write(pOut, stat);
     Write(pOut, post_op_attr{});
     if (stat == NFS3_OK)

@@ -52,6 +52,12 @@ void Read(CInputStream* pIn, COpaquePath* pPath, bool bSkip)
     pPath->Set(data.pBuf, data.iBufLen < PATH_SIZE ? data.iBufLen : 0);
 }
 
+void SkipOpaque(CInputStream* pIn)
+{
+    COpaquePath unused;
+    Read(pIn, &unused, true);
+}
+
 namespace {
 
 template <typename Setting>

@@ -16,6 +16,7 @@ void Read(CInputStream* pIn, opaque* pOpaque);
 
 // A path of PATH_SIZE bytes or more reads as the empty one; with bSkip the path stays as it was.
 void Read(CInputStream* pIn, COpaquePath* pPath, bool bSkip = false);
+void SkipOpaque(CInputStream* pIn);  // a handle, name or path that nobody needs
 void Read(CInputStream* pIn, sattr3* pAttr, bool bSkip = false);
 void Read(CInputStream* pIn, sattrguard3* pGuard);
 void Read(CInputStream* pIn, createhow3* pHow);

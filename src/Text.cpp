@@ -46,3 +46,10 @@ std::vector<std::string> SplitIntoVector(const char* pcText, char cDelimiter)
         iStart = iEnd + 1;
     }
 }
+
+bool IsPathBelow(std::string_view sPath, std::string_view sFolder)
+{
+    if (sPath.length() <= sFolder.length() || sPath.substr(0, sFolder.length()) != sFolder)
+        return false;
+    return sFolder == "/" || sPath[sFolder.length()] == '/';
+}

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <vector>
 
 constexpr size_t PATH_SIZE = 4096;    // bytes of a path buffer, its terminating zero included
@@ -22,3 +23,6 @@ void PrintText(const char* pcFormat, ...) __attribute__((format(printf, 1, 2)));
 // Splits pcText at every cDelimiter. Empty parts are kept, so "/a" yields "" and "a"; the empty
 // text yields one empty part.
 std::vector<std::string> SplitIntoVector(const char* pcText, char cDelimiter);
+
+// True if sPath lies somewhere below sFolder; not for sFolder itself. Neither is resolved.
+bool IsPathBelow(std::string_view sPath, std::string_view sFolder);

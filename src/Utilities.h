@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ExportIndex.h"
+#include "FolderPositions.h"
 #include "LogArgu.h"
 #include "MountInfo.h"
 #include "Mutex.h"
@@ -107,6 +108,12 @@ public:
     void GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut,
                           const char* pcIn);
 
+    // As above, but where pcIn names nothing, the path at which a file or folder made under this
+    // name would come to stand: the canonical form of the folders that exist, and the rest of the
+    // names. A link to nothing leads on to what it names. Empty if nothing could be made there.
+    void GetCanonicalTargetPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut,
+                                const char* pcIn);
+
     // Appends "/" to a non-empty path that lacks it, so that prefixes end at a folder's border.
     // No room for it leaves the path as it is.
     static void SetPathToCompare(char* pcPath);
@@ -119,7 +126,8 @@ public:
                       const char* pcExportName, const char* pcIpcID, char* pcReason);
 
     // Withdraw an export; nothing happens if there is none. When no export is left, the file table
-    // is emptied too, and every handle given out goes stale.
+    // is emptied too, and every handle given out goes stale. Directories that are kept open for
+    // listings are closed.
     void RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                          const char* pcLocalPath);
     void RemoveMountInfoByExportName(const char* pcExportName);
@@ -199,10 +207,28 @@ public:
 
     void CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
 
-    // Closes pcPath itself and everything below it.
+    // Closes pcPath itself and everything below it, directories kept open for listings included.
     void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                    const char* pcPath);
     void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+
+    // ---- Directories, open for a listing ----
+
+    // Opens a directory at its first entry; null if it cannot be opened. Where no descriptor is
+    // free, cached ones are closed first.
+    std::unique_ptr<CFolderReader> OpenFolder(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                              const char* pcPath);
+
+    // A reader that went through iEntries entries of the directory, kept by an earlier page; null
+    // if there is none or the directory changed since it was opened.
+    std::unique_ptr<CFolderReader> TakeFolder(const char* pcPath, unsigned int iEntries);
+
+    // Keeps a reader, which iEntries entries were read from, for the next page; closes it instead
+    // if it could not be used then, or if no export holds the directory any more.
+    void KeepFolder(std::unique_ptr<CFolderReader> pFolder, unsigned int iEntries);
+
+    // Closes the kept readers of a directory and of all below it.
+    void CloseFolders(const char* pcPath);
 
     // ---- Files, through the cache ----
 
@@ -222,8 +248,9 @@ public:
                   unsigned long long iSeek, int iSeekType, const void* pBuffer,
                   unsigned int iLength);
 
-    // Moves a file over whatever is at pcPathTo. False also if the file was moved but had never
-    // been given a number. A path renamed to itself stays as it is.
+    // Moves a file or folder over whatever is at pcPathTo, which is removed first. Handles of it,
+    // and of all that a folder contains, stay good. False also if it was moved but had never been
+    // given a number. A path renamed to itself stays as it is.
     bool RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
                     const char* pcPathTo);
     bool RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
@@ -319,6 +346,8 @@ private:
         std::string sPath;    // set with bClose
     };
 
+    bool ResolvePath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut,
+                     const char* pcIn);
     bool IsExportNameDefined(const char* pcExportName, char* pcReason) const
         REQUIRES(m_hMutexMountInfos);
     bool IsLocalMountPathDefined(const char* pcCanonicalPath, char* pcReason) const
@@ -332,6 +361,11 @@ private:
     void EraseMountInfo(const MountInfo& info) REQUIRES(m_hMutexMountInfos);
     void ResetFileTableIfUnused() REQUIRES(m_hMutexMountInfos);
 
+    void CloseAllFolders();
+
+    void CloseRenamedFiles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                           bool bFolder);
+
     int GetCachedFileHandleLocked(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                   const char* pcPath, bool bWrite)
         REQUIRES(m_hMutexOpenedFileHandles);
@@ -339,6 +373,8 @@ private:
     void CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu)
         REQUIRES(m_hMutexOpenedFileHandles);
     void CloseAllCachedFileHandlesLocked(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu)
+        REQUIRES(m_hMutexOpenedFileHandles);
+    void FreeDescriptors(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu)
         REQUIRES(m_hMutexOpenedFileHandles);
     void CloseDroppedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                           const OpenedFileInfo& info) REQUIRES(m_hMutexOpenedFileHandles);
@@ -359,6 +395,7 @@ private:
     std::map<std::string, std::string, std::less<>> m_OpenedFileLastAccessList
         GUARDED_BY(m_hMutexOpenedFileHandles);  // path by time key, so oldest first
     std::vector<FileInUse> m_vFilesInUse GUARDED_BY(m_hMutexOpenedFileHandles);
+    CFolderPositions m_FolderPositions GUARDED_BY(m_hMutexOpenedFileHandles);
 
     CMutex m_hMutexRedirectedFiles;
 

@@ -4,22 +4,84 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
+#include <utility>
 
 #include "Text.h"
 
+namespace {
+
+constexpr int LINK_LIMIT = 40;  // links that are followed one after the other
+
+// The path that the link at sPath leads to; empty if there is no link.
+std::string ReadLink(const std::string& sPath)
+{
+    char cTarget[PATH_SIZE];
+    const ssize_t iLength = readlink(sPath.c_str(), cTarget, sizeof(cTarget));
+    if (iLength <= 0)
+        return {};
+    const std::string sTarget(cTarget, static_cast<size_t>(iLength));
+    return sTarget[0] == '/' ? sTarget : sPath.substr(0, sPath.rfind('/') + 1) + sTarget;
+}
+
+// Where something made at sPath, an absolute path, would come to stand; empty if nowhere. Names
+// are cut off at the end until what is left exists.
+std::string GetTargetPath(std::string sPath)
+{
+    char cExisting[PATH_SIZE];
+    std::string sMissing;  // the names that were cut off, each behind its "/"
+    int iLinks = 0;
+    while (realpath(sPath.c_str(), cExisting) == nullptr) {
+        std::string sTarget = ReadLink(sPath);
+        if (!sTarget.empty()) {
+            if (++iLinks > LINK_LIMIT)
+                return {};
+            sPath = std::move(sTarget);
+            continue;
+        }
+        const size_t iName = sPath.rfind('/');
+        if (iName == std::string::npos)
+            return {};
+        const std::string sName = sPath.substr(iName + 1);
+        if (sName == "..")
+            return {};  // out of a folder that does not exist
+        if (!sName.empty() && sName != ".")
+            sMissing.insert(0, "/" + sName);
+        sPath.resize(iName == 0 && sPath.length() > 1 ? 1 : iName);
+    }
+    const std::string sExisting = strcmp(cExisting, "/") == 0 ? "" : cExisting;
+    return sExisting.length() + sMissing.length() < PATH_SIZE ? sExisting + sMissing : "";
+}
+
+}  // namespace
+
 void CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut,
                                   const char* pcIn)
+{
+    ResolvePath(pRuntimeParam, pLogArgu, pcOut, pcIn);
+}
+
+bool CUtilities::ResolvePath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut,
+                             const char* pcIn)
 {
     if (realpath(pcIn, pcOut) != nullptr) {
         if (pRuntimeParam->IsLogGeneralInfo())
             LogInfo(pRuntimeParam, "[%s] Get canonical path successfully: %s", pLogArgu->pcName,
                     pcOut);
-        return;
+        return true;
     }
     CopyText(pcOut, PATH_SIZE, pcIn);
     if (pRuntimeParam->IsLogGeneralInfo())
         LogInfo(pRuntimeParam, "[%s] Fail to get canonical path from non-exist path: %s",
                 pLogArgu->pcName, pcIn);
+    return false;
+}
+
+void CUtilities::GetCanonicalTargetPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                        char* pcOut, const char* pcIn)
+{
+    if (!ResolvePath(pRuntimeParam, pLogArgu, pcOut, pcIn))
+        CopyText(pcOut, PATH_SIZE, GetTargetPath(pcIn).c_str());
 }
 
 void CUtilities::SetPathToCompare(char* pcPath)
@@ -105,28 +167,37 @@ void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, L
     char cPath[PATH_SIZE];
     GetCanonicalPath(pRuntimeParam, pLogArgu, cPath, pcLocalPath);
 
-    const CMutexLock lock(m_hMutexMountInfos);
-    const MountInfo* pInfo = FindMountInfoByLocalMountPath(cPath);
-    if (pInfo != nullptr)
-        EraseMountInfo(*pInfo);
-    ResetFileTableIfUnused();
+    {
+        const CMutexLock lock(m_hMutexMountInfos);
+        const MountInfo* pInfo = FindMountInfoByLocalMountPath(cPath);
+        if (pInfo != nullptr)
+            EraseMountInfo(*pInfo);
+        ResetFileTableIfUnused();
+    }
+    CloseAllFolders();
 }
 
 void CUtilities::RemoveMountInfoByExportName(const char* pcExportName)
 {
-    const CMutexLock lock(m_hMutexMountInfos);
-    const auto it = m_MountInfos.find(pcExportName);
-    if (it != m_MountInfos.end())
-        EraseMountInfo(it->second);
-    ResetFileTableIfUnused();
+    {
+        const CMutexLock lock(m_hMutexMountInfos);
+        const auto it = m_MountInfos.find(pcExportName);
+        if (it != m_MountInfos.end())
+            EraseMountInfo(it->second);
+        ResetFileTableIfUnused();
+    }
+    CloseAllFolders();
 }
 
 void CUtilities::RemoveAllMountInfo()
 {
-    const CMutexLock lock(m_hMutexMountInfos);
-    m_MountInfos.clear();
-    m_ExportIndex.Clear();
-    ResetFileTable();
+    {
+        const CMutexLock lock(m_hMutexMountInfos);
+        m_MountInfos.clear();
+        m_ExportIndex.Clear();
+        ResetFileTable();
+    }
+    CloseAllFolders();
 }
 
 void CUtilities::EraseMountInfo(const MountInfo& info)

@@ -135,6 +135,7 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu
     SetPathToCompare(cPrefix);
 
     const CMutexLock lock(m_hMutexOpenedFileHandles);
+    m_FolderPositions.Close(pcPath);
     for (auto it = m_OpenedFileHandles.begin(); it != m_OpenedFileHandles.end();) {
         char cCached[PATH_SIZE];
         CopyText(cCached, sizeof(cCached), it->first.c_str());
@@ -156,6 +157,7 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu
 void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu)
 {
     const CMutexLock lock(m_hMutexOpenedFileHandles);
+    m_FolderPositions.CloseAll();
     CloseAllCachedFileHandlesLocked(pRuntimeParam, pLogArgu);
 }
 
@@ -165,6 +167,13 @@ void CUtilities::CloseAllCachedFileHandlesLocked(CRuntimeParam* pRuntimeParam, L
         CloseDroppedFile(pRuntimeParam, pLogArgu, info);
     m_OpenedFileHandles.clear();
     m_OpenedFileLastAccessList.clear();
+}
+
+// What an open that found no free descriptor can do before it tries again.
+void CUtilities::FreeDescriptors(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu)
+{
+    m_FolderPositions.CloseAll();
+    CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
 }
 
 // Makes room: drops the tenth of the files that were not used for the longest time.

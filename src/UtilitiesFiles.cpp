@@ -7,18 +7,7 @@
 
 #include "CachedFile.h"
 #include "FileTable.h"
-
-namespace {
-
-bool IsSameFile(const char* pcPath, const char* pcOtherPath)
-{
-    struct stat info = {};
-    struct stat other = {};
-    return lstat(pcPath, &info) == 0 && lstat(pcOtherPath, &other) == 0 &&
-           info.st_dev == other.st_dev && info.st_ino == other.st_ino;
-}
-
-}  // namespace
+#include "Text.h"
 
 long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                   const char* pcPath, long long iDefault)
@@ -80,17 +69,41 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
                 pcPathFrom, pcPathTo);
     if (strcmp(pcPathFrom, pcPathTo) == 0)
         return true;
-    // Two names of one file: it would be removed as the target that stands in its own way.
-    if (!IsSameFile(pcPathFrom, pcPathTo) && OS_IsFileExists(pcPathTo) &&
-        !RemoveFile(pRuntimeParam, pLogArgu, pcPathTo))
+    struct stat from = {};
+    struct stat to = {};
+    const bool bFrom = lstat(pcPathFrom, &from) == 0;
+    const bool bTo = lstat(pcPathTo, &to) == 0;
+    // The target stays where it is one file with the source, and where the rename is going to fail
+    // anyway: onto another file system, or of a folder to below itself.
+    const bool bKeepTarget =
+        bFrom && bTo &&
+        (from.st_dev != to.st_dev || from.st_ino == to.st_ino || IsPathBelow(pcPathTo, pcPathFrom));
+    if (!bKeepTarget && OS_IsFileExists(pcPathTo) && !RemoveFile(pRuntimeParam, pLogArgu, pcPathTo))
         return false;
+    const bool bFolder = bFrom && S_ISDIR(from.st_mode);
     if (OS_IsFileExists(pcPathFrom)) {
-        CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathFrom);
+        CloseRenamedFiles(pRuntimeParam, pLogArgu, pcPathFrom, bFolder);
+        CloseRenamedFiles(pRuntimeParam, pLogArgu, pcPathTo, bFolder);
         if (OS_FileRename(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, nullptr) != 0)
             return false;
     }
     const CMutexLock lock(m_hMutexFileTable);
-    return m_pFileTable->UpdateItemPath(pcPathFrom, pcPathTo);
+    if (bFolder)
+        m_pFileTable->UpdateItemPathsBelow(pcPathFrom, pcPathTo);
+    const bool bKnown = m_pFileTable->UpdateItemPath(pcPathFrom, pcPathTo);
+    while (m_pFileTable->UpdateItemPath(pcPathFrom, pcPathTo))
+        ;  // an earlier rename may have left several entries at this path
+    return bKnown;
+}
+
+// What was opened under one of the two names of a rename is not what the name leads to afterwards.
+void CUtilities::CloseRenamedFiles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                   const char* pcPath, bool bFolder)
+{
+    if (bFolder)
+        CloseAllCachedFileHandles(pRuntimeParam, pLogArgu, pcPath);
+    else
+        CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
 }
 
 bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath)
@@ -98,6 +111,7 @@ bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
     if (pRuntimeParam->IsLogFileAccess())
         LogInfo(pRuntimeParam, "[%s] Remove file, path=%s", pLogArgu->pcName, pcPath);
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
+    CloseFolders(pcPath);
     return OS_FileRemove(pRuntimeParam, pLogArgu, pcPath, nullptr) == 0;
 }
 

@@ -107,7 +107,7 @@ int CUtilities::OpenFileWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     const int iFile = OpenFile(pRuntimeParam, pLogArgu, pcPath, iFlags, pcError);
     if (iFile != -1 || errno != EMFILE)
         return iFile;
-    CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
+    FreeDescriptors(pRuntimeParam, pLogArgu);
     return OpenFile(pRuntimeParam, pLogArgu, pcPath, iFlags, pcError);
 }
 
@@ -119,7 +119,7 @@ int CUtilities::OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
         return iFile;
     {
         const CMutexLock lock(m_hMutexOpenedFileHandles);
-        CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
+        FreeDescriptors(pRuntimeParam, pLogArgu);
     }
     return OpenFile(pRuntimeParam, pLogArgu, pcPath, iFlags, pcError);
 }

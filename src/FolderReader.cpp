@@ -1,0 +1,37 @@
+#include "FolderReader.h"
+
+#include <ctime>
+
+namespace {
+
+// The coarsest times that a file system keeps are even seconds.
+constexpr time_t TIMESTAMP_STEP = 2;  // seconds
+
+bool IsSameTime(const struct timespec& time, const struct timespec& other)
+{
+    return time.tv_sec == other.tv_sec && time.tv_nsec == other.tv_nsec;
+}
+
+}  // namespace
+
+CFolderReader::CFolderReader(const char* pcPath) : m_sPath(pcPath), m_pStream(opendir(pcPath))
+{
+    if (m_pStream == nullptr || fstat(dirfd(m_pStream.get()), &m_Opened) != 0)
+        return;
+    const time_t iAtRest = time(nullptr) - TIMESTAMP_STEP;
+    m_bReusable = m_Opened.st_mtim.tv_sec < iAtRest && m_Opened.st_ctim.tv_sec < iAtRest;
+}
+
+const char* CFolderReader::ReadName()
+{
+    const struct dirent* pEntry = readdir(m_pStream.get());
+    return pEntry == nullptr ? nullptr : pEntry->d_name;
+}
+
+bool CFolderReader::IsUnchanged() const
+{
+    struct stat now = {};
+    return stat(m_sPath.c_str(), &now) == 0 && now.st_dev == m_Opened.st_dev &&
+           now.st_ino == m_Opened.st_ino && IsSameTime(now.st_mtim, m_Opened.st_mtim) &&
+           IsSameTime(now.st_ctim, m_Opened.st_ctim);
+}

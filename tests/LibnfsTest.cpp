@@ -14,10 +14,10 @@
 #include <vector>
 
 #include <nfsc/libnfs.h>
-#include <openssl/evp.h>
 
 #include <gtest/gtest.h>
 
+#include "Digest.h"
 #include "NfsMain.h"
 #include "Rpcbind.h"
 #include "Sanitizers.h"
@@ -31,32 +31,6 @@ constexpr size_t CHUNK_SIZE = 0x10000;
 constexpr size_t BIG_SIZE = IS_SANITIZED ? 0x1000000 : 0x10000000;  // 16 or 256 MiB
 
 constexpr uint32_t PROC_UMNT = 3;
-
-// SHA-256 over pieces.
-class CDigest {
-public:
-    CDigest() { EXPECT_EQ(EVP_DigestInit_ex(m_pContext.get(), EVP_sha256(), nullptr), 1); }
-
-    void Add(const void* pData, size_t iLength)
-    {
-        EXPECT_EQ(EVP_DigestUpdate(m_pContext.get(), pData, iLength), 1);
-    }
-
-    std::string Get()
-    {
-        unsigned char cDigest[EVP_MAX_MD_SIZE];
-        unsigned int iLength = 0;
-        EXPECT_EQ(EVP_DigestFinal_ex(m_pContext.get(), cDigest, &iLength), 1);
-        EXPECT_EQ(iLength, 32U);
-        return {reinterpret_cast<const char*>(cDigest), iLength};
-    }
-
-private:
-    struct Freer {
-        void operator()(EVP_MD_CTX* pContext) const { EVP_MD_CTX_free(pContext); }
-    };
-    std::unique_ptr<EVP_MD_CTX, Freer> m_pContext{EVP_MD_CTX_new()};
-};
 
 // Bytes without a pattern that a shifted or repeated piece could hide in; each seed has its own.
 class CNoise {
@@ -78,16 +52,6 @@ private:
     uint64_t m_iState;
     std::array<uint64_t, CHUNK_SIZE / sizeof(uint64_t)> m_vWords = {};
 };
-
-std::string DigestOfFile(const std::string& sPath)
-{
-    CDigest digest;
-    std::ifstream file(sPath, std::ios::binary);
-    std::array<char, CHUNK_SIZE> buffer;
-    while (file.read(buffer.data(), buffer.size()) || file.gcount() > 0)
-        digest.Add(buffer.data(), static_cast<size_t>(file.gcount()));
-    return digest.Get();
-}
 
 // The library asks for all exports of a server behind each mount, to find those inside of the
 // mounted one, and gives up where the server has no such list.

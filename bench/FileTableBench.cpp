@@ -3,6 +3,9 @@
 //   PathToId        the number of a known path, N paths known, the same ten asked again and again
 //   AnyPathToId     the same, all of them asked in random order
 //   IdToPath        the path of a number, likewise in random order
+//   RenameFolder    a folder with a thousandth of the paths below it gets another name
+//   RenameLeaf      likewise one with nothing below it: what the look at all entries costs
+//   RenameAll       likewise the one that all paths lie below
 // The argument is N. From some ten thousand paths on the table is larger than the processor's
 // caches, and a random look-up waits for memory: that part of the curve no index can flatten.
 #include <algorithm>
@@ -96,5 +99,34 @@ void IdToPath(benchmark::State& state)
     }
 }
 BENCHMARK(IdToPath)->RangeMultiplier(10)->Range(10, MAX_PATHS);
+
+// Renames a folder there and back again.
+void RenameThereAndBack(benchmark::State& state, const char* pcFrom, const char* pcTo)
+{
+    CFileTable table;
+    Register(&table, MakePaths(state.range(0)));
+    for (auto _ : state) {
+        table.UpdateItemPathsBelow(pcFrom, pcTo);
+        std::swap(pcFrom, pcTo);
+    }
+}
+
+void RenameFolder(benchmark::State& state)
+{
+    RenameThereAndBack(state, "/backup/vm0000", "/backup/renamed");
+}
+BENCHMARK(RenameFolder)->RangeMultiplier(10)->Range(10, MAX_PATHS);
+
+void RenameLeaf(benchmark::State& state)
+{
+    RenameThereAndBack(state, "/backup/none", "/backup/renamed");
+}
+BENCHMARK(RenameLeaf)->RangeMultiplier(10)->Range(10, MAX_PATHS);
+
+void RenameAll(benchmark::State& state)
+{
+    RenameThereAndBack(state, "/backup", "/renamed");
+}
+BENCHMARK(RenameAll)->RangeMultiplier(10)->Range(10, MAX_PATHS);
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "FolderPositions.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 #include "Text.h"
@@ -27,13 +28,16 @@ void CFolderPositions::Keep(std::unique_ptr<CFolderReader> pFolder, unsigned int
 
 void CFolderPositions::Close(const char* pcPath)
 {
+    std::string_view sFolder = pcPath;
+    if (sFolder.length() > 1 && sFolder.back() == '/')
+        sFolder.remove_suffix(1);  // a path to compare, whose "/" ends at the folder's border
     std::erase_if(m_vPositions, [=](const Position& position) {
         const std::string& sPath = position.pFolder->GetPath();
-        return sPath == pcPath || IsPathBelow(sPath, pcPath);
+        return sPath == sFolder || IsPathBelow(sPath, sFolder);
     });
 }
 
-void CFolderPositions::CloseAll()
+bool CFolderPositions::CloseAll()
 {
-    m_vPositions.clear();
+    return !std::exchange(m_vPositions, {}).empty();
 }

@@ -27,9 +27,11 @@ public:
     // clients that list a directory at the same pace need one each.
     void Keep(std::unique_ptr<CFolderReader> pFolder, unsigned int iEntries);
 
-    // Closes the readers of a directory and of all below it, or all readers.
+    // Closes the readers of a directory and of all below it.
     void Close(const char* pcPath);
-    void CloseAll();
+
+    // Closes all readers; false if there was none.
+    bool CloseAll();
 
 private:
     static constexpr size_t LIMIT = 32;  // readers: a few for each connection of the NFS port

@@ -12,14 +12,21 @@ bool IsSameTime(const struct timespec& time, const struct timespec& other)
     return time.tv_sec == other.tv_sec && time.tv_nsec == other.tv_nsec;
 }
 
+// True if a change from now on cannot leave this time as it is. A time that somebody set into the
+// future is as good as one in the past.
+bool IsAtRest(const struct timespec& time, time_t iNow)
+{
+    return time.tv_sec < iNow - TIMESTAMP_STEP || time.tv_sec > iNow + TIMESTAMP_STEP;
+}
+
 }  // namespace
 
 CFolderReader::CFolderReader(const char* pcPath) : m_sPath(pcPath), m_pStream(opendir(pcPath))
 {
     if (m_pStream == nullptr || fstat(dirfd(m_pStream.get()), &m_Opened) != 0)
         return;
-    const time_t iAtRest = time(nullptr) - TIMESTAMP_STEP;
-    m_bReusable = m_Opened.st_mtim.tv_sec < iAtRest && m_Opened.st_ctim.tv_sec < iAtRest;
+    const time_t iNow = time(nullptr);
+    m_bReusable = IsAtRest(m_Opened.st_mtim, iNow) && IsAtRest(m_Opened.st_ctim, iNow);
 }
 
 const char* CFolderReader::ReadName()

@@ -115,29 +115,46 @@ private:
     // is NFS3ERR_NOENT: to the client there is no such name.
     nfsstat3 CheckNamedObject(ProcedureCall* pCall, const char* pcPath);
 
-    // The same for a procedure that passes over its handles and so never knows its object: no
+    // The same for a procedure that reads over its handle and so never knows its object: no
     // ordinary export holds the empty path, and the call is refused.
     nfsstat3 CheckUnknownObject(ProcedureCall* pCall);
 
     // The attributes and the handle that follow a reply, where they can be had.
     post_op_attr GetPostOpAttributes(ProcedureCall* pCall, const char* pcPath);
     post_op_fh3 GetPostOpHandle(ProcedureCall* pCall, const char* pcPath);
+
+    // FSSTAT and FSINFO: reads the handle, checks the object and takes its attributes.
     nfsstat3 CheckFileSystemObject(ProcedureCall* pCall, CInputStream* pIn, char* pcPath,
                                    post_op_attr* pAttributes);
+
+    // SETATTR and CREATE.
     nfsstat3 CheckGuard(ProcedureCall* pCall, const char* pcPath, const sattrguard3& guard);
     nfsstat3 SetAttributes(ProcedureCall* pCall, const char* pcPath, const sattr3& attributes);
     bool UpdateAttributes(ProcedureCall* pCall, const char* pcPath, const sattr3& attributes);
+
+    // CREATE and MKDIR: the checks, what they do, and the reply that both send.
+    nfsstat3 CheckCreation(ProcedureCall* pCall, const diropargs3& where, const char* pcPath);
     nfsstat3 CreateFile(ProcedureCall* pCall, const char* pcPath, const createhow3& how);
+    nfsstat3 MakeFile(ProcedureCall* pCall, const char* pcPath, const sattr3& attributes,
+                      bool bExists);
     int EndCreation(ProcedureCall* pCall, COutputStream* pOut, const char* pcPath, nfsstat3 stat);
+
+    // REMOVE, RMDIR and the source of RENAME: the checks, for the first two with their arguments.
     nfsstat3 ReadRemoval(ProcedureCall* pCall, CInputStream* pIn, char* pcPath);
     nfsstat3 CheckRemoval(ProcedureCall* pCall, const diropargs3& what, const char* pcPath);
+
+    // READDIR and, with bPlus, READDIRPLUS.
     int List(ProcedureCall* pCall, CInputStream* pIn, COutputStream* pOut, bool bPlus);
+    void LogListing(ProcedureCall* pCall, unsigned long long iCookie, unsigned long long iVerifier,
+                    uint32_t iDirCount, uint32_t iCount, bool bPlus);
     bool WriteEntries(ProcedureCall* pCall, COutputStream* pOut, const char* pcPath,
                       uint64_t iCookie, bool bPlus);
     void WriteEntry(ProcedureCall* pCall, COutputStream* pOut, const char* pcFolder,
                     const char* pcName, uint64_t iCookie, bool bPlus);
     std::unique_ptr<CFolderReader> OpenFolderAt(ProcedureCall* pCall, const char* pcPath,
                                                 unsigned int iEntries);
+
+    // READ and WRITE, behind their checks.
     nfsstat3 ReadData(ProcedureCall* pCall, COutputStream* pOut, const char* pcPath,
                       uint64_t iOffset, uint32_t iCount, unsigned int* piRead, bool* pbEof);
     nfsstat3 WriteData(ProcedureCall* pCall, const char* pcPath, uint64_t iOffset, uint32_t iCount,

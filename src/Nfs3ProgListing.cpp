@@ -50,19 +50,7 @@ int CNfs3Prog::List(ProcedureCall* pCall, CInputStream* pIn, COutputStream* pOut
     if (bPlus)
         Read(pIn, &iDirCount);
     Read(pIn, &iCount);
-    if (pCall->m_pRuntimeParam->IsLogProcFuncArgu()) {
-        const unsigned long long iShownCookie = iCookie;
-        const unsigned long long iShownVerifier = iVerifier;
-        if (bPlus)
-            m_pUtilities->LogInfo(pCall->m_pRuntimeParam,
-                                  "[%s] Cookie=%llu, cookieverf=%llu, dircount=%u, maxcount=%u",
-                                  pCall->m_LogArgu.pcName, iShownCookie, iShownVerifier, iDirCount,
-                                  iCount);
-        else
-            m_pUtilities->LogInfo(pCall->m_pRuntimeParam,
-                                  "[%s] Cookie=%llu, cookieverf=%llu, count=%u",
-                                  pCall->m_LogArgu.pcName, iShownCookie, iShownVerifier, iCount);
-    }
+    LogListing(pCall, iCookie, iVerifier, iDirCount, iCount, bPlus);
 
     nfsstat3 stat = CheckObject(pCall, cPath, MUST_EXIST);
     post_op_attr attributes;
@@ -71,6 +59,8 @@ int CNfs3Prog::List(ProcedureCall* pCall, CInputStream* pIn, COutputStream* pOut
         if (!attributes.attributes_follow)
             stat = NFS3ERR_IO;
     }
+    if (stat != NFS3_OK)
+        m_pUtilities->CloseFolders(cPath);  // a listing that cannot go on leaves nothing open
     Write(pOut, stat);
     Write(pOut, attributes);
     if (stat == NFS3_OK) {
@@ -80,6 +70,21 @@ int CNfs3Prog::List(ProcedureCall* pCall, CInputStream* pIn, COutputStream* pOut
         Write(pOut, bEof);
     }
     return pCall->End(stat);
+}
+
+void CNfs3Prog::LogListing(ProcedureCall* pCall, unsigned long long iCookie,
+                           unsigned long long iVerifier, uint32_t iDirCount, uint32_t iCount,
+                           bool bPlus)
+{
+    if (!pCall->m_pRuntimeParam->IsLogProcFuncArgu())
+        return;
+    if (bPlus)
+        m_pUtilities->LogInfo(pCall->m_pRuntimeParam,
+                              "[%s] Cookie=%llu, cookieverf=%llu, dircount=%u, maxcount=%u",
+                              pCall->m_LogArgu.pcName, iCookie, iVerifier, iDirCount, iCount);
+    else
+        m_pUtilities->LogInfo(pCall->m_pRuntimeParam, "[%s] Cookie=%llu, cookieverf=%llu, count=%u",
+                              pCall->m_LogArgu.pcName, iCookie, iVerifier, iCount);
 }
 
 // Writes one page; true if it reached the directory's end. A directory that cannot be opened, or
@@ -123,11 +128,13 @@ void CNfs3Prog::WriteEntry(ProcedureCall* pCall, COutputStream* pOut, const char
                            const char* pcName, uint64_t iCookie, bool bPlus)
 {
     char cPath[PATH_SIZE];
-    const bool bFits = AppendFilePath(pcFolder, pcName, cPath);
-    const uint64_t iFileID =
-        m_pUtilities->GetFileID(pCall->m_pRuntimeParam, &pCall->m_LogArgu, bFits ? cPath : nullptr);
+    const char* pcBase = strcmp(pcFolder, "/") == 0 ? "" : pcFolder;
+    const bool bFits = AppendFilePath(pcBase, pcName, cPath);
+    const post_op_fh3 handle = GetPostOpHandle(pCall, bFits ? cPath : nullptr);
+    unsigned int iFileID = 0;
+    memcpy(&iFileID, handle.handle.cHandle, sizeof(iFileID));
     Write(pOut, true);  // an entry follows
-    Write(pOut, iFileID);
+    Write(pOut, uint64_t{iFileID});
     Write(pOut, opaque{reinterpret_cast<const unsigned char*>(pcName),
                        static_cast<unsigned int>(strlen(pcName))});
     Write(pOut, iCookie);
@@ -138,5 +145,5 @@ void CNfs3Prog::WriteEntry(ProcedureCall* pCall, COutputStream* pOut, const char
     if (!bPlus)
         return;
     Write(pOut, bFits ? GetPostOpAttributes(pCall, cPath) : post_op_attr{});
-    Write(pOut, bFits ? GetPostOpHandle(pCall, cPath) : post_op_fh3{});
+    Write(pOut, handle);
 }

@@ -1,8 +1,6 @@
 // The procedures that create, remove and rename names. Links and special files are never made.
 #include "Nfs3Prog.h"
 
-#include <cstring>
-
 #include "Nfs3Xdr.h"
 #include "Text.h"
 #include "Utilities.h"
@@ -18,7 +16,21 @@ void SkipDirOpArgs(CInputStream* pIn)
     SkipOpaque(pIn);
 }
 
+// True for an empty name, "." and a name too long to be read: they lead back to the directory.
+// Nobody who names an entry means what it lies in.
+bool IsDirectoryItself(const diropargs3& arguments, const char* pcPath)
+{
+    return arguments.dir == pcPath;
+}
+
 }  // namespace
+
+nfsstat3 CNfs3Prog::CheckCreation(ProcedureCall* pCall, const diropargs3& where, const char* pcPath)
+{
+    const Existence existence = IsDirectoryItself(where, pcPath) ? MUST_EXIST : MAY_BE_MISSING;
+    const nfsstat3 stat = CheckObject(pCall, pcPath, existence);
+    return m_bReadOnly ? NFS3ERR_ACCES : stat;
+}
 
 int CNfs3Prog::ProcedureCREATE(CInputStream* pIn, COutputStream* pOut, ProcessParam* pParam)
 {
@@ -29,9 +41,7 @@ int CNfs3Prog::ProcedureCREATE(CInputStream* pIn, COutputStream* pOut, ProcessPa
     ReadPath(call.m_pRuntimeParam, &call.m_LogArgu, pIn, &where, cPath);
     Read(pIn, &how);
 
-    nfsstat3 stat = CheckObject(&call, cPath, MAY_BE_MISSING);
-    if (m_bReadOnly)
-        stat = NFS3ERR_ACCES;
+    nfsstat3 stat = CheckCreation(&call, where, cPath);
     if (stat == NFS3_OK)
         stat = CreateFile(&call, cPath, how);
     return EndCreation(&call, pOut, cPath, stat);
@@ -51,13 +61,24 @@ nfsstat3 CNfs3Prog::CreateFile(ProcedureCall* pCall, const char* pcPath, const c
         stat = NFS3ERR_IO;
     else if (how.mode == GUARDED && bExists)
         stat = NFS3ERR_EXIST;
-    else if (!m_pUtilities->NewFile(pRuntimeParam, &pCall->m_LogArgu, pcPath) ||
-             !UpdateAttributes(pCall, pcPath, how.obj_attributes))
-        stat = NFS3ERR_IO;
+    else
+        stat = MakeFile(pCall, pcPath, how.obj_attributes, bExists);
     if (pRuntimeParam->IsLogProcFuncArgu())
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Is file exist after create: %d",
                               pCall->m_LogArgu.pcName, m_pUtilities->OS_IsFileExists(pcPath));
     return stat;
+}
+
+nfsstat3 CNfs3Prog::MakeFile(ProcedureCall* pCall, const char* pcPath, const sattr3& attributes,
+                             bool bExists)
+{
+    // The host may have removed a file whose descriptor is still kept under this name: what is
+    // meant for the new one must not go there.
+    if (!bExists)
+        m_pUtilities->CloseCachedFileHandle(pCall->m_pRuntimeParam, &pCall->m_LogArgu, pcPath);
+    const bool bDone = m_pUtilities->NewFile(pCall->m_pRuntimeParam, &pCall->m_LogArgu, pcPath) &&
+                       UpdateAttributes(pCall, pcPath, attributes);
+    return bDone ? NFS3_OK : NFS3ERR_IO;
 }
 
 int CNfs3Prog::EndCreation(ProcedureCall* pCall, COutputStream* pOut, const char* pcPath,
@@ -81,14 +102,14 @@ int CNfs3Prog::ProcedureMKDIR(CInputStream* pIn, COutputStream* pOut, ProcessPar
     ReadPath(call.m_pRuntimeParam, &call.m_LogArgu, pIn, &where, cPath);
     Read(pIn, &attributes);
 
-    nfsstat3 stat = CheckObject(&call, cPath, MAY_BE_MISSING);
-    if (m_bReadOnly)
-        stat = NFS3ERR_ACCES;
+    nfsstat3 stat = CheckCreation(&call, where, cPath);
     const int iMode =
         attributes.mode.set_it ? static_cast<int>(attributes.mode.value) : DEFAULT_FOLDER_MODE;
     if (stat == NFS3_OK && m_pUtilities->OS_FolderCreate(call.m_pRuntimeParam, &call.m_LogArgu,
                                                          cPath, iMode, nullptr) != 0)
         stat = NFS3ERR_IO;  // kept: also where the folder exists
+    if (stat == NFS3_OK)    // as in CreateFile
+        m_pUtilities->CloseCachedFileHandle(call.m_pRuntimeParam, &call.m_LogArgu, cPath);
     return EndCreation(&call, pOut, cPath, stat);
 }
 
@@ -134,9 +155,11 @@ nfsstat3 CNfs3Prog::CheckRemoval(ProcedureCall* pCall, const diropargs3& what, c
         return stat;  // kept: also where nothing may be changed
     if (m_bReadOnly)
         return NFS3ERR_ACCES;
-    // An empty name, "." and a name too long to be read lead back to the directory. Nobody who
-    // names an entry means to lose what it lies in.
-    return stat == NFS3_OK && what.dir == pcPath ? NFS3ERR_IO : stat;
+    // The root of an export is as little an entry as the directory that the entry is named in.
+    const bool bEntry = !IsDirectoryItself(what, pcPath) &&
+                        !m_pUtilities->IsMountInfoExists(pCall->m_pRuntimeParam, &pCall->m_LogArgu,
+                                                         pcPath, nullptr, nullptr);
+    return stat == NFS3_OK && !bEntry ? NFS3ERR_IO : stat;
 }
 
 nfsstat3 CNfs3Prog::ReadRemoval(ProcedureCall* pCall, CInputStream* pIn, char* pcPath)
@@ -163,12 +186,11 @@ int CNfs3Prog::ProcedureRMDIR(CInputStream* pIn, COutputStream* pOut, ProcessPar
     ProcedureCall call(this, pParam, "Nfs3Prog.ProcedureRMDIR");
     char cPath[PATH_SIZE];
     nfsstat3 stat = ReadRemoval(&call, pIn, cPath);
-    if (stat == NFS3_OK) {
-        m_pUtilities->CloseFolders(cPath);
-        if (m_pUtilities->OS_FolderRemove(call.m_pRuntimeParam, &call.m_LogArgu, cPath, nullptr) !=
-            0)
-            stat = NFS3ERR_IO;  // kept: also where the folder is not empty
-    }
+    if (stat == NFS3_OK &&
+        m_pUtilities->OS_FolderRemove(call.m_pRuntimeParam, &call.m_LogArgu, cPath, nullptr) != 0)
+        stat = NFS3ERR_IO;  // kept: also where the folder is not empty
+    if (stat == NFS3_OK)    // the host may have emptied it, with files open
+        m_pUtilities->CloseAllCachedFileHandles(call.m_pRuntimeParam, &call.m_LogArgu, cPath);
     Write(pOut, stat);
     Write(pOut, wcc_data{});
     return call.End(stat);
@@ -187,7 +209,7 @@ int CNfs3Prog::ProcedureRENAME(CInputStream* pIn, COutputStream* pOut, ProcessPa
 
     nfsstat3 stat = CheckRemoval(&call, from, cFrom);
     if (stat == NFS3_OK)
-        stat = to.dir == cTo ? NFS3ERR_IO : CheckPath(cTo, false);
+        stat = IsDirectoryItself(to, cTo) ? NFS3ERR_IO : CheckPath(cTo, false);
     if (stat == NFS3_OK &&
         !m_pUtilities->RenameFile(call.m_pRuntimeParam, &call.m_LogArgu, cFrom, cTo))
         stat = NFS3ERR_IO;

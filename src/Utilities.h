@@ -108,9 +108,9 @@ public:
     void GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut,
                           const char* pcIn);
 
-    // As above, but where pcIn names nothing, the path at which a file or folder made under this
-    // name would come to stand: the canonical form of the folders that exist, and the rest of the
-    // names. A link to nothing leads on to what it names. Empty if nothing could be made there.
+    // As above, but where pcIn, an absolute path, names nothing, the path at which something made
+    // under this name would come to stand: its folder's canonical path with the name. Empty for a
+    // link to nothing, and where a folder is missing on a way that leads upwards again.
     void GetCanonicalTargetPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut,
                                 const char* pcIn);
 
@@ -215,7 +215,7 @@ public:
     // ---- Directories, open for a listing ----
 
     // Opens a directory at its first entry; null if it cannot be opened. Where no descriptor is
-    // free, cached ones are closed first.
+    // free, cached ones are closed first. Takes the descriptor cache's mutex.
     std::unique_ptr<CFolderReader> OpenFolder(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                               const char* pcPath);
 
@@ -361,7 +361,8 @@ private:
     void EraseMountInfo(const MountInfo& info) REQUIRES(m_hMutexMountInfos);
     void ResetFileTableIfUnused() REQUIRES(m_hMutexMountInfos);
 
-    void CloseAllFolders();
+    bool CloseAllFolders();
+    int OpenPlainly(const char* pcPath, int iFlags, mode_t iMode);
 
     void CloseRenamedFiles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                            bool bFolder);

@@ -4,53 +4,35 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
-#include <utility>
+#include <sys/stat.h>
 
 #include "Text.h"
 
 namespace {
 
-constexpr int LINK_LIMIT = 40;  // links that are followed one after the other
-
-// The path that the link at sPath leads to; empty if there is no link.
-std::string ReadLink(const std::string& sPath)
+// True if a name in sPath is "..".
+bool LeadsUpwards(const std::string& sPath)
 {
-    char cTarget[PATH_SIZE];
-    const ssize_t iLength = readlink(sPath.c_str(), cTarget, sizeof(cTarget));
-    if (iLength <= 0)
-        return {};
-    const std::string sTarget(cTarget, static_cast<size_t>(iLength));
-    return sTarget[0] == '/' ? sTarget : sPath.substr(0, sPath.rfind('/') + 1) + sTarget;
+    return ("/" + sPath + "/").find("/../") != std::string::npos;
 }
 
-// Where something made at sPath, an absolute path, would come to stand; empty if nowhere. Names
-// are cut off at the end until what is left exists.
+// Where something made at sPath would come to stand: its folder's canonical path and its name.
+// Nothing can be made in a folder that does not exist; the path stays as it is then, unless it
+// leads upwards. Empty for that, and for a link to nothing: whoever made a file there would make it
+// where the link leads.
 std::string GetTargetPath(std::string sPath)
 {
-    char cExisting[PATH_SIZE];
-    std::string sMissing;  // the names that were cut off, each behind its "/"
-    int iLinks = 0;
-    while (realpath(sPath.c_str(), cExisting) == nullptr) {
-        std::string sTarget = ReadLink(sPath);
-        if (!sTarget.empty()) {
-            if (++iLinks > LINK_LIMIT)
-                return {};
-            sPath = std::move(sTarget);
-            continue;
-        }
-        const size_t iName = sPath.rfind('/');
-        if (iName == std::string::npos)
-            return {};
-        const std::string sName = sPath.substr(iName + 1);
-        if (sName == "..")
-            return {};  // out of a folder that does not exist
-        if (!sName.empty() && sName != ".")
-            sMissing.insert(0, "/" + sName);
-        sPath.resize(iName == 0 && sPath.length() > 1 ? 1 : iName);
-    }
-    const std::string sExisting = strcmp(cExisting, "/") == 0 ? "" : cExisting;
-    return sExisting.length() + sMissing.length() < PATH_SIZE ? sExisting + sMissing : "";
+    while (sPath.length() > 1 && sPath.back() == '/')
+        sPath.pop_back();
+    const size_t iName = sPath.rfind('/') + 1;
+    char cFolder[PATH_SIZE];
+    if (realpath(sPath.substr(0, iName).c_str(), cFolder) == nullptr)
+        return LeadsUpwards(sPath) ? "" : sPath;
+    std::string sTarget = strcmp(cFolder, "/") == 0 ? "/" : std::string(cFolder) + "/";
+    sTarget += sPath.substr(iName);
+    struct stat info = {};
+    const bool bLink = lstat(sTarget.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+    return bLink || sTarget.length() >= PATH_SIZE ? "" : sTarget;
 }
 
 }  // namespace

@@ -73,11 +73,11 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
     struct stat to = {};
     const bool bFrom = lstat(pcPathFrom, &from) == 0;
     const bool bTo = lstat(pcPathTo, &to) == 0;
-    // The target stays where it is one file with the source, and where the rename is going to fail
-    // anyway: onto another file system, or of a folder to below itself.
+    // The target stays where it is one file with the source, and where nothing is going to take its
+    // place: from a source that has gone, onto another file system, of a folder to below itself.
     const bool bKeepTarget =
-        bFrom && bTo &&
-        (from.st_dev != to.st_dev || from.st_ino == to.st_ino || IsPathBelow(pcPathTo, pcPathFrom));
+        !bFrom || (bTo && (from.st_dev != to.st_dev || from.st_ino == to.st_ino ||
+                           IsPathBelow(pcPathTo, pcPathFrom)));
     if (!bKeepTarget && OS_IsFileExists(pcPathTo) && !RemoveFile(pRuntimeParam, pLogArgu, pcPathTo))
         return false;
     const bool bFolder = bFrom && S_ISDIR(from.st_mode);

@@ -51,12 +51,15 @@ void CUtilities::KeepFolder(std::unique_ptr<CFolderReader> pFolder, unsigned int
 
 void CUtilities::CloseFolders(const char* pcPath)
 {
+    if (pcPath == nullptr || pcPath[0] == '\0')
+        return;
     const CMutexLock lock(m_hMutexOpenedFileHandles);
     m_FolderPositions.Close(pcPath);
 }
 
-void CUtilities::CloseAllFolders()
+// True if there was one to close.
+bool CUtilities::CloseAllFolders()
 {
     const CMutexLock lock(m_hMutexOpenedFileHandles);
-    m_FolderPositions.CloseAll();
+    return m_FolderPositions.CloseAll();
 }

@@ -37,10 +37,22 @@ private:
 
 }  // namespace
 
+// An open beside the cache, which closes no cached file for it. But directories that are kept open
+// only to be quick must not be what it fails for.
+int CUtilities::OpenPlainly(const char* pcPath, int iFlags, mode_t iMode)
+{
+    const int iFile = open(pcPath, iFlags | OPEN_FLAGS, iMode);
+    if (iFile != -1 || errno != EMFILE)
+        return iFile;
+    const bool bRetry = CloseAllFolders();
+    errno = EMFILE;
+    return bRetry ? open(pcPath, iFlags | OPEN_FLAGS, iMode) : -1;
+}
+
 int CUtilities::OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                               char* pcError)
 {
-    const int iFile = open(pcPath, O_RDWR | O_CREAT | OPEN_FLAGS, 0666);
+    const int iFile = OpenPlainly(pcPath, O_RDWR | O_CREAT, 0666);
     if (iFile == -1) {
         const CErrorText error(this, pcError);
         if (pRuntimeParam->IsLogError())
@@ -264,7 +276,7 @@ int CUtilities::OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
 bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                                 long long iSize, char* pcError)
 {
-    const CAutoFd file(open(pcPath, O_RDWR | O_CREAT | OPEN_FLAGS, 0755));
+    const CAutoFd file(OpenPlainly(pcPath, O_RDWR | O_CREAT, 0755));
     struct stat info = {};
     bool bDone = file.Get() != -1 && fstat(file.Get(), &info) == 0;
     const bool bChange = bDone && info.st_size != iSize;

@@ -215,6 +215,86 @@ TEST(FileTable, UpdateItemPath_OntoKnownPath_LeavesTwoEntriesAndFindsTheFirst)
     EXPECT_EQ(GetPath(&table, iSecond), "/b");
 }
 
+TEST(FileTable, UpdateItemPathsBelow_MovesAllBelowAndNothingElse)
+{
+    CFileTable table;
+    const char* const PATHS[] = {"/a", "/a/x", "/a/x/y", "/ab", "/ab/x", "/b/a/x", "/a/", "/"};
+    for (const char* pcPath : PATHS)
+        table.GetIDByPath(pcPath);
+    table.UpdateItemPathsBelow("/a", "/new/place");
+    EXPECT_EQ(GetPath(&table, 0), "/a");  // the folder's own entry is moved on its own
+    EXPECT_EQ(GetPath(&table, 1), "/new/place/x");
+    EXPECT_EQ(GetPath(&table, 2), "/new/place/x/y");
+    EXPECT_EQ(GetPath(&table, 3), "/ab");
+    EXPECT_EQ(GetPath(&table, 4), "/ab/x");
+    EXPECT_EQ(GetPath(&table, 5), "/b/a/x");
+    EXPECT_EQ(GetPath(&table, 6), "/new/place/");
+    EXPECT_EQ(GetPath(&table, 7), "/");
+}
+
+TEST(FileTable, UpdateItemPathsBelow_NewPathsAreFoundAndOldOnesAreNot)
+{
+    CFileTable table;
+    table.GetIDByPath("/a");
+    const unsigned int iID = table.GetIDByPath("/a/x");
+    table.UpdateItemPathsBelow("/a", "/b");
+    EXPECT_EQ(table.FindItemByPath("/b/x"), table.GetItemByID(iID));
+    EXPECT_EQ(table.FindItemByPath("/a/x"), nullptr);
+    EXPECT_EQ(table.GetIDByPath("/a/x"), iID + 1);  // what comes to the old place is another file
+}
+
+TEST(FileTable, UpdateItemPathsBelow_ReachesEveryBlock)
+{
+    CFileTable table;
+    AddNames(&table, 0, 3000);
+    table.UpdateItemPathsBelow("/srv", "/moved");
+    for (unsigned int i = 0; i < 3000; i++)
+        ASSERT_EQ(GetPath(&table, i), "/moved/" + std::to_string(i));
+}
+
+TEST(FileTable, UpdateItemPathsBelow_SeveralEntriesOfOnePath_MoveTogether)
+{
+    CFileTable table;
+    for (int i = 0; i < 3; i++)
+        table.AddItem("/a/x");
+    table.FindItemByPath("/a/x");
+    table.UpdateItemPathsBelow("/a", "/b");
+    for (unsigned int i = 0; i < 3; i++)
+        EXPECT_EQ(GetPath(&table, i), "/b/x");
+    EXPECT_EQ(table.FindItemByPath("/a/x"), nullptr);
+    EXPECT_EQ(table.FindItemByPath("/b/x")->iID, 0U);
+}
+
+TEST(FileTable, UpdateItemPathsBelow_OntoKnownPaths_FindsTheFirst)
+{
+    CFileTable table;
+    table.GetIDByPath("/b/x");
+    table.GetIDByPath("/a/x");
+    table.UpdateItemPathsBelow("/a", "/b");
+    EXPECT_EQ(table.FindItemByPath("/b/x")->iID, 0U);
+    EXPECT_TRUE(table.UpdateItemPath("/b/x", "/c"));
+    EXPECT_EQ(table.FindItemByPath("/b/x")->iID, 1U);
+}
+
+TEST(FileTable, UpdateItemPathsBelow_IntoTheFolderItself_MovesEachOnce)
+{
+    CFileTable table;
+    table.GetIDByPath("/a/x");
+    table.GetIDByPath("/a/b/x");
+    table.UpdateItemPathsBelow("/a", "/a/b");
+    EXPECT_EQ(GetPath(&table, 0), "/a/b/x");
+    EXPECT_EQ(GetPath(&table, 1), "/a/b/b/x");
+}
+
+TEST(FileTable, UpdateItemPathsBelow_NullPath_MovesNothing)
+{
+    CFileTable table;
+    table.GetIDByPath("/a/x");
+    table.UpdateItemPathsBelow(nullptr, "/b");
+    table.UpdateItemPathsBelow("/a", nullptr);
+    EXPECT_EQ(GetPath(&table, 0), "/a/x");
+}
+
 TEST(FileTable, Clear_ForgetsAllAndStartsAgainAtZero)
 {
     CFileTable table;

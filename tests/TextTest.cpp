@@ -88,3 +88,35 @@ TEST(Text, SplitIntoVector_OtherDelimiter_Splits)
 {
     EXPECT_EQ(SplitIntoVector("start 5 /a", ' '), Parts({"start", "5", "/a"}));
 }
+
+TEST(Text, IsPathBelow_IsTrueAtAnyDepth)
+{
+    EXPECT_TRUE(IsPathBelow("/a/b", "/a"));
+    EXPECT_TRUE(IsPathBelow("/a/b/c", "/a"));
+    EXPECT_TRUE(IsPathBelow("/a/b/c", "/a/b"));
+}
+
+TEST(Text, IsPathBelow_FolderItselfAndItsNeighbours_AreNotBelow)
+{
+    EXPECT_FALSE(IsPathBelow("/a", "/a"));
+    EXPECT_FALSE(IsPathBelow("/ab", "/a"));
+    EXPECT_FALSE(IsPathBelow("/ab/c", "/a"));
+    EXPECT_FALSE(IsPathBelow("/", "/a"));
+    EXPECT_FALSE(IsPathBelow("/b/a", "/a"));
+    EXPECT_FALSE(IsPathBelow("/A/b", "/a"));
+    EXPECT_FALSE(IsPathBelow("", "/a"));
+}
+
+TEST(Text, IsPathBelow_OfTheRoot_IsAllButTheRoot)
+{
+    EXPECT_TRUE(IsPathBelow("/a", "/"));
+    EXPECT_TRUE(IsPathBelow("/a/b", "/"));
+    EXPECT_FALSE(IsPathBelow("/", "/"));
+    EXPECT_FALSE(IsPathBelow("", "/"));
+}
+
+TEST(Text, IsPathBelow_ResolvesNothing)
+{
+    EXPECT_TRUE(IsPathBelow("/a/../b", "/a"));
+    EXPECT_FALSE(IsPathBelow("/b/../a/c", "/a"));
+}

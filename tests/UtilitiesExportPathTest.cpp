@@ -18,6 +18,14 @@ protected:
         m_utilities.GetCanonicalPath(&m_param, &m_argu, cPath, sPath.c_str());
         return cPath;
     }
+
+    std::string GetTarget(const std::string& sPath)
+    {
+        std::string sBuffer(PATH_SIZE + 1, '#');
+        m_utilities.GetCanonicalTargetPath(&m_param, &m_argu, sBuffer.data(), sPath.c_str());
+        EXPECT_EQ(sBuffer.back(), '#');
+        return sBuffer.c_str();
+    }
 };
 
 std::string GetPathToCompare(std::string sPath)
@@ -70,6 +78,101 @@ TEST_F(UtilitiesExportPath, GetCanonicalPath_EveryOtherBit_LogsNothing)
     m_param.SetLogControl(0x3FF & ~LOG_CONTROL_GENERAL_INFO);
     GetCanonical(m_folder.Path());
     GetCanonical("/no/such/path");
+    EXPECT_TRUE(m_recorder.Lines().empty());
+}
+
+// ---- Where something new would come to stand ----
+
+TEST_F(UtilitiesExportPath, GetCanonicalTargetPath_ExistingPath_IsResolved)
+{
+    std::filesystem::create_directory(m_folder.Path("a"));
+    std::filesystem::create_directory_symlink("a", m_folder.Path("link"));
+    EXPECT_EQ(GetTarget(m_folder.Path("a/../link/.")), m_folder.Path("a"));
+    EXPECT_EQ(GetTarget("/"), "/");
+    EXPECT_TRUE(m_recorder.Lines().empty());
+}
+
+TEST_F(UtilitiesExportPath, GetCanonicalTargetPath_MissingName_StandsInItsResolvedFolder)
+{
+    std::filesystem::create_directory(m_folder.Path("a"));
+    std::filesystem::create_directory_symlink("a", m_folder.Path("link"));
+    EXPECT_EQ(GetTarget(m_folder.Path("new")), m_folder.Path("new"));
+    EXPECT_EQ(GetTarget(m_folder.Path("a/../new")), m_folder.Path("new"));
+    EXPECT_EQ(GetTarget(m_folder.Path("link/new")), m_folder.Path("a/new"));
+    EXPECT_EQ(GetTarget(m_folder.Path("a//./new")), m_folder.Path("a/new"));
+    EXPECT_EQ(GetTarget(m_folder.Path("../new")), GetScratchRoot() + "/new");
+    EXPECT_EQ(GetTarget("/missing"), "/missing");
+    EXPECT_EQ(GetTarget("/../missing"), "/missing");
+}
+
+TEST_F(UtilitiesExportPath, GetCanonicalTargetPath_SlashesBehindTheName_LeadToTheSamePlace)
+{
+    EXPECT_EQ(GetTarget(m_folder.Path("new/")), m_folder.Path("new"));
+    EXPECT_EQ(GetTarget(m_folder.Path("new///")), m_folder.Path("new"));
+    EXPECT_EQ(GetTarget(m_folder.Path("../new/")), GetScratchRoot() + "/new");
+    EXPECT_EQ(GetTarget("/missing/"), "/missing");
+}
+
+// Nothing can be made there, so the path may stay; but not one whose end is elsewhere.
+TEST_F(UtilitiesExportPath, GetCanonicalTargetPath_FolderIsMissing_StaysUnlessItLeadsUpwards)
+{
+    m_folder.Write("file", "");
+    for (const char* pcName : {"missing/new", "missing/deeper/new", "missing/.", "missing/..new",
+                               "missing/new..", "missing/.../new", "file/new"})
+        EXPECT_EQ(GetTarget(m_folder.Path(pcName)), m_folder.Path(pcName));
+    for (const char* pcName : {"missing/..", "missing/../new", "missing/../../new",
+                               "../missing/new", "file/../new", "missing/../"})
+        EXPECT_EQ(GetTarget(m_folder.Path(pcName)), "") << pcName;
+}
+
+// Whoever made a file there would make it where the link leads.
+TEST_F(UtilitiesExportPath, GetCanonicalTargetPath_DanglingLink_LeadsNowhere)
+{
+    const CScratchFolder outside;
+    std::filesystem::create_directory(m_folder.Path("a"));
+    std::filesystem::create_symlink("a/new", m_folder.Path("relative"));
+    std::filesystem::create_symlink(outside.Path("new"), m_folder.Path("absolute"));
+    std::filesystem::create_symlink("../../new", m_folder.Path("a/upwards"));
+    std::filesystem::create_symlink("relative", m_folder.Path("chain"));
+    std::filesystem::create_symlink("two", m_folder.Path("one"));
+    std::filesystem::create_symlink("one", m_folder.Path("two"));
+    std::filesystem::create_directory_symlink("a", m_folder.Path("door"));
+    for (const char* pcName : {"relative", "relative/", "absolute", "absolute/", "a/upwards",
+                               "door/upwards", "chain", "one", "two", "one/"})
+        EXPECT_EQ(GetTarget(m_folder.Path(pcName)), "") << pcName;
+}
+
+TEST_F(UtilitiesExportPath, GetCanonicalTargetPath_ResultThatDoesNotFit_IsEmpty)
+{
+    // A short link to a folder with a long path.
+    std::string sDeep = m_folder.Path();
+    while (sDeep.size() < 1000)
+        sDeep += "/" + std::string(200, 'd');
+    std::filesystem::create_directories(sDeep);
+    std::filesystem::create_directory_symlink(sDeep, m_folder.Path("l"));
+    const size_t iFits = PATH_SIZE - 1 - sDeep.size() - 1;
+    const std::string sName(iFits, 'n');
+    EXPECT_EQ(GetTarget(m_folder.Path("l/" + sName)), sDeep + "/" + sName);
+    EXPECT_EQ(GetTarget(m_folder.Path("l/n" + sName)), "");
+}
+
+TEST_F(UtilitiesExportPath, GetCanonicalTargetPath_OfNothing_IsNothing)
+{
+    EXPECT_EQ(GetTarget(""), "");
+}
+
+TEST_F(UtilitiesExportPath, GetCanonicalTargetPath_GeneralInfo_WritesTheLinesOfGetCanonicalPath)
+{
+    m_param.SetLogControl(LOG_CONTROL_GENERAL_INFO);
+    GetTarget(m_folder.Path() + "/");
+    GetTarget(m_folder.Path("../new"));
+    EXPECT_EQ(m_recorder.Lines(),
+              (Lines{"info|host|[Test] Get canonical path successfully: " + m_folder.Path(),
+                     "info|host|[Test] Fail to get canonical path from non-exist path: " +
+                         m_folder.Path("../new")}));
+    m_recorder.Clear();
+    m_param.SetLogControl(0x3FF & ~LOG_CONTROL_GENERAL_INFO);
+    GetTarget(m_folder.Path("../new"));
     EXPECT_TRUE(m_recorder.Lines().empty());
 }
 

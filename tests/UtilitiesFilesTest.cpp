@@ -473,6 +473,16 @@ TEST_F(UtilitiesFilesRename, SourceIsGone_OnlyTheNumberMoves)
     EXPECT_FALSE(Rename());  // and now it has none any more
 }
 
+TEST_F(UtilitiesFilesRename, SourceIsGone_KeepsTheTarget)
+{
+    const unsigned int iID = GetID(m_folder.Write("from", "text"));
+    m_folder.Write("to", "old");
+    std::filesystem::remove(m_sFrom);
+    EXPECT_TRUE(Rename());
+    EXPECT_EQ(ReadWholeFile(m_sTo), "old");
+    EXPECT_EQ(GetPath(iID), m_sTo);
+}
+
 TEST_F(UtilitiesFilesRename, OntoItself_KeepsTheFile)
 {
     m_folder.Write("from", "text");
@@ -502,26 +512,25 @@ TEST_F(UtilitiesFilesRename, OntoAnotherNameOfTheSameFile_RemovesNeither)
     EXPECT_EQ(GetPath(iID), m_sTo);
 }
 
-// The same number on another file system is another file.
-TEST_F(UtilitiesFilesRename, OntoAFileOfTheSameNumberElsewhere_RemovesIt)
+// No rename leads there, so nothing may be removed for it.
+TEST_F(UtilitiesFilesRename, OntoAnotherFileSystem_FailsAndKeepsBoth)
 {
-    for (const char* pcName : {"a", "b"}) {
-        std::filesystem::create_directory(m_folder.Path(pcName));
-        ASSERT_EQ(mount("tmpfs", m_folder.Path(pcName).c_str(), "tmpfs", 0, "size=64k"), 0);
-    }
-    const std::string sFrom = m_folder.Write("a/file", "text");
-    const std::string sTo = m_folder.Write("b/file", "old");
-    struct stat from = {};
-    struct stat to = {};
-    EXPECT_EQ(stat(sFrom.c_str(), &from) | stat(sTo.c_str(), &to), 0);
-    EXPECT_EQ(from.st_ino, to.st_ino);
+    const std::string sMount = m_folder.Path("mount");
+    std::filesystem::create_directory(sMount);
+    ASSERT_EQ(mount("tmpfs", sMount.c_str(), "tmpfs", 0, "size=64k"), 0);
+    m_folder.Write("from", "text");
+    const std::string sTo = m_folder.Write("mount/to", "old");
+    const unsigned int iFrom = GetID(m_sFrom);
     SetBits(LOG_CONTROL_ERROR | LOG_CONTROL_FILE_ACCESS);
-    EXPECT_FALSE(m_utilities.RenameFile(&m_param, &m_argu, sFrom.c_str(), sTo.c_str()));
-    EXPECT_TRUE(m_recorder.Contains("OS remove file " + Quote(sTo)));
-    EXPECT_TRUE(m_recorder.Contains("Error=Invalid cross-device link (18)"));
-    EXPECT_EQ(ReadWholeFile(sFrom), "text");
-    for (const char* pcName : {"a", "b"})
-        EXPECT_EQ(umount2(m_folder.Path(pcName).c_str(), MNT_DETACH), 0);
+    EXPECT_FALSE(m_utilities.RenameFile(&m_param, &m_argu, m_sFrom.c_str(), sTo.c_str()));
+    EXPECT_EQ(m_recorder.Lines(),
+              (Lines{"info|host|[Test] Rename file, pathFrom=" + m_sFrom + ", pathTo=" + sTo,
+                     "error|host|[Test] OS rename file from " + Quote(m_sFrom) + " to " +
+                         Quote(sTo) + ". Error=Invalid cross-device link (18)"}));
+    EXPECT_EQ(ReadWholeFile(m_sFrom), "text");
+    EXPECT_EQ(ReadWholeFile(sTo), "old");
+    EXPECT_EQ(GetPath(iFrom), m_sFrom);
+    EXPECT_EQ(umount2(sMount.c_str(), MNT_DETACH), 0);
 }
 
 TEST_F(UtilitiesFilesRename, OntoALinkToTheFile_ReplacesTheLink)
@@ -544,6 +553,135 @@ TEST_F(UtilitiesFilesRename, Folder_MovesWithItsContents)
     GetID(m_sFrom);
     EXPECT_TRUE(Rename());
     EXPECT_EQ(ReadWholeFile(m_sTo + "/file"), "text");
+}
+
+TEST_F(UtilitiesFilesRename, Folder_ClosesWhatIsOpenBelowBothNames)
+{
+    std::filesystem::create_directories(m_sFrom + "/sub");
+    m_folder.Write("from/sub/file", "text");
+    m_folder.Write("from2", "neighbour");
+    GetID(m_sFrom);
+    std::filesystem::create_directory(m_sTo);
+    m_folder.Write("to/stale", "stale");
+    GetCached(m_sFrom + "/sub/file");
+    GetCached(m_sTo + "/stale");
+    GetCached(m_folder.Path("from2"));
+    std::filesystem::remove(m_sTo + "/stale");
+    SetBits(LOG_CONTROL_FILE_ACCESS);
+    EXPECT_TRUE(Rename());
+    EXPECT_EQ(
+        m_recorder.Lines(),
+        (Lines{"info|host|[Test] Rename file, pathFrom=" + m_sFrom + ", pathTo=" + m_sTo,
+               "info|host|[Test] Remove file, path=" + m_sTo,
+               "info|host|[Test] OS remove file " + Quote(m_sTo),
+               "info|host|[Test] OS close file " + Quote(m_sFrom + "/sub/file"),
+               "info|host|[Test] OS close file " + Quote(m_sTo + "/stale"),
+               "info|host|[Test] OS rename file from " + Quote(m_sFrom) + " to " + Quote(m_sTo)}));
+    EXPECT_EQ(CountDescriptors(), m_iDescriptors + 1);  // the neighbour's
+}
+
+TEST_F(UtilitiesFilesRename, Folder_TakesTheNumbersBelowItAlong)
+{
+    std::filesystem::create_directories(m_sFrom + "/sub");
+    m_folder.Write("from/sub/file", "text");
+    m_folder.Write("from2", "neighbour");
+    const unsigned int iFolder = GetID(m_sFrom);
+    const unsigned int iSub = GetID(m_sFrom + "/sub");
+    const unsigned int iFile = GetID(m_sFrom + "/sub/file");
+    const unsigned int iNeighbour = GetID(m_folder.Path("from2"));
+    EXPECT_TRUE(Rename());
+    EXPECT_EQ(GetPath(iFolder), m_sTo);
+    EXPECT_EQ(GetPath(iSub), m_sTo + "/sub");
+    EXPECT_EQ(GetPath(iFile), m_sTo + "/sub/file");
+    EXPECT_EQ(GetPath(iNeighbour), m_folder.Path("from2"));
+}
+
+TEST_F(UtilitiesFilesRename, FolderWithoutANumber_IsReportedAsFailedButTakesNumbersBelowItAlong)
+{
+    std::filesystem::create_directory(m_sFrom);
+    const unsigned int iFile = GetID(m_folder.Write("from/file", "text"));
+    EXPECT_FALSE(Rename());
+    EXPECT_EQ(ReadWholeFile(m_sTo + "/file"), "text");
+    EXPECT_EQ(GetPath(iFile), m_sTo + "/file");
+}
+
+// A file has nothing below it: what once was there, when it was a folder, stays what it was.
+TEST_F(UtilitiesFilesRename, File_LeavesNumbersBelowItAlone)
+{
+    std::filesystem::create_directory(m_sFrom);
+    const unsigned int iBelow = GetID(m_folder.Write("from/file", ""));
+    std::filesystem::remove_all(m_sFrom);
+    m_folder.Write("from", "text");
+    GetID(m_sFrom);
+    EXPECT_TRUE(Rename());
+    EXPECT_EQ(GetPath(iBelow), m_sFrom + "/file");
+}
+
+TEST_F(UtilitiesFilesRename, FolderThatCannotBeMoved_KeepsItsNumbers)
+{
+    std::filesystem::create_directory(m_sFrom);
+    const unsigned int iFolder = GetID(m_sFrom);
+    const unsigned int iFile = GetID(m_folder.Write("from/file", "text"));
+    const std::string sTo = m_folder.Path("missing/to");
+    EXPECT_FALSE(m_utilities.RenameFile(&m_param, &m_argu, m_sFrom.c_str(), sTo.c_str()));
+    EXPECT_EQ(GetPath(iFolder), m_sFrom);
+    EXPECT_EQ(GetPath(iFile), m_sFrom + "/file");
+}
+
+TEST_F(UtilitiesFilesRename, FolderIntoItself_FailsAndKeepsWhatIsThere)
+{
+    std::filesystem::create_directories(m_sFrom + "/empty");
+    const unsigned int iFile = GetID(m_folder.Write("from/file", "text"));
+    GetID(m_sFrom);
+    SetBits(LOG_CONTROL_ERROR);
+    for (const char* pcName : {"/file", "/empty", "/new"}) {
+        const std::string sTo = m_sFrom + pcName;
+        EXPECT_FALSE(m_utilities.RenameFile(&m_param, &m_argu, m_sFrom.c_str(), sTo.c_str()));
+    }
+    EXPECT_EQ(m_recorder.Count("Error=Invalid argument (22)"), 3U);
+    EXPECT_EQ(ReadWholeFile(m_sFrom + "/file"), "text");
+    EXPECT_TRUE(std::filesystem::is_directory(m_sFrom + "/empty"));
+    EXPECT_EQ(GetPath(iFile), m_sFrom + "/file");
+}
+
+TEST_F(UtilitiesFilesRename, SeveralNumbersOfOnePath_AllMove)
+{
+    const unsigned int iFirst = GetID(m_folder.Write("first", "1"));
+    const unsigned int iFrom = GetID(m_folder.Write("from", "2"));
+    ASSERT_TRUE(
+        m_utilities.RenameFile(&m_param, &m_argu, m_folder.Path("first").c_str(), m_sFrom.c_str()));
+    EXPECT_TRUE(Rename());
+    EXPECT_EQ(GetPath(iFirst), m_sTo);
+    EXPECT_EQ(GetPath(iFrom), m_sTo);
+    EXPECT_EQ(GetID(m_folder.Write("from", "3")), iFrom + 1);
+}
+
+// The host may have removed the target while its descriptor was kept.
+TEST_F(UtilitiesFilesRename, DescriptorOfATargetThatIsGone_IsNotReadAfterwards)
+{
+    m_folder.Write("from", "new");
+    m_folder.Write("to", "old");
+    GetID(m_sFrom);
+    EXPECT_EQ(Read(m_sTo, 0, 10), "old+");
+    std::filesystem::remove(m_sTo);
+    EXPECT_TRUE(Rename());
+    EXPECT_EQ(Read(m_sTo, 0, 10), "new+");
+}
+
+TEST_F(UtilitiesFilesRename, FolderOntoAFile_AndFileOntoAnEmptyFolder_ReplaceIt)
+{
+    std::filesystem::create_directory(m_sFrom);
+    m_folder.Write("from/file", "text");
+    m_folder.Write("to", "old");
+    GetID(m_sFrom);
+    EXPECT_TRUE(Rename());
+    EXPECT_EQ(ReadWholeFile(m_sTo + "/file"), "text");
+
+    const std::string sFile = m_folder.Write("other", "new");
+    std::filesystem::create_directory(m_sFrom);
+    GetID(sFile);
+    EXPECT_TRUE(m_utilities.RenameFile(&m_param, &m_argu, sFile.c_str(), m_sFrom.c_str()));
+    EXPECT_EQ(ReadWholeFile(m_sFrom), "new");
 }
 
 // ---- Attributes ----

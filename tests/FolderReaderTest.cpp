@@ -151,6 +151,17 @@ TEST_F(FolderReader, BothTimesMoreThanTwoSecondsOld_IsAtRest)
     EXPECT_TRUE(IsAtRest(1000000));
 }
 
+// Any change would take that time away.
+TEST_F(FolderReader, ModificationSetIntoTheFuture_IsAtRest)
+{
+    const CClockAhead ahead;
+    SetTimes(m_folder.Path(), AS_IT_IS, {time(nullptr) + 1000, 0});
+    const CFolderReader reader(m_folder.Path().c_str());
+    EXPECT_TRUE(reader.IsReusable());
+    m_folder.Write("new", "");
+    EXPECT_FALSE(reader.IsUnchanged());
+}
+
 TEST_F(FolderReader, AtRestIsWhatItWasWhenOpened)
 {
     const CFolderReader early(m_folder.Path().c_str());

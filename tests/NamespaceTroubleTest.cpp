@@ -437,6 +437,25 @@ TEST_F(NamespaceTrouble, FileThatTheHostReplacedByAFolder_LosesNothingOfIt)
     EXPECT_EQ(CountOpenFiles(), 0U);
 }
 
+// Kept: whoever reads and writes an open file goes on in it, until the host lets it be closed.
+TEST_F(NamespaceTrouble, OpenFileThatTheHostReplacedByAFolder_IsUsedUntilItIsClosed)
+{
+    m_Folder.Write("name", "text");
+    const std::string sHandle = Lookup(m_sRoot, "name");
+    EXPECT_EQ(Read(sHandle), "text");
+    std::filesystem::remove(m_Folder.Path("name"));
+    MakeFolder("name");
+    EXPECT_EQ(ToHex(Getattr(sHandle)), ToHex(Words({0}) + AttributesOf(m_Folder.Path("name"))));
+    EXPECT_EQ(Read(sHandle), "text");
+    EXPECT_EQ(Write(sHandle, "more"), 0U);
+    EXPECT_EQ(Read(sHandle), "more");
+
+    m_pMain->CloseCachedFileHandle(m_Folder.Path("name").c_str());
+    EXPECT_EQ(Read(sHandle), "(status 22)");
+    EXPECT_EQ(Write(sHandle, "data"), 22U);
+    EXPECT_EQ(CountOpenFiles(), 0U);
+}
+
 // The descriptor that is kept of the old file must not take what is written to a later one.
 TEST_F(NamespaceTrouble, FileReplacedByAFolderAndMadeAnew_TakesItsOwnBytes)
 {

@@ -319,3 +319,32 @@ TEST_F(UtilitiesFolders, ManyThreads_LeaveNothingOpen)
     m_utilities.RemoveAllMountInfo();
     EXPECT_EQ(CountKept(), 0U);
 }
+
+// Directories are kept open only to be quick; nothing fails for them.
+TEST_F(UtilitiesFolders, NoFreeDescriptor_FileIsMadeInPlaceOfAKeptDirectory)
+{
+    OpenAndKeep("ab");
+    RunOutOfDescriptors();
+    EXPECT_TRUE(m_utilities.NewFile(&m_param, &m_argu, m_folder.Path("made").c_str()));
+    EXPECT_EQ(Take("ab"), nullptr);
+}
+
+TEST_F(UtilitiesFolders, NoFreeDescriptor_FileIsSizedInPlaceOfAKeptDirectory)
+{
+    const std::string sPath = m_folder.Write("made", "");
+    OpenAndKeep("ab");
+    RunOutOfDescriptors();
+    EXPECT_TRUE(m_utilities.OS_SetFileSize(&m_param, &m_argu, sPath.c_str(), 7, nullptr));
+    EXPECT_EQ(Take("ab"), nullptr);
+    EXPECT_EQ(std::filesystem::file_size(sPath), 7U);
+}
+
+TEST_F(UtilitiesFolders, NoFreeDescriptor_NothingKept_MakingAFileFails)
+{
+    RunOutOfDescriptors();
+    m_param.SetLogControl(LOG_CONTROL_ERROR);
+    const std::string sPath = m_folder.Path("made");
+    EXPECT_FALSE(m_utilities.NewFile(&m_param, &m_argu, sPath.c_str()));
+    EXPECT_TRUE(
+        m_recorder.Contains("OS create file \"" + sPath + "\". Error=Too many open files (24)"));
+}

@@ -1,7 +1,6 @@
 // READDIR and READDIRPLUS as clients see them.
 #include <algorithm>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <set>
 #include <sys/socket.h>
@@ -15,13 +14,11 @@
 #include "DescriptorShortage.h"
 #include "FolderHooks.h"
 #include "Listing.h"
+#include "UnreadablePath.h"
 
 namespace {
 
 constexpr uint64_t ALL_ONES = ~uint64_t{0};
-
-// The path whose attributes cannot be read, while it is set.
-const char* g_pcUnreadable = nullptr;
 
 // The program as an object, for what no client can see or bring about.
 class Nfs3ProgListing : public CNfs3ProgFixture {
@@ -151,17 +148,6 @@ protected:
 };
 
 }  // namespace
-
-// Stands before the system's, to show what goes missing between two looks.
-extern "C" int lstat(const char* pcPath, struct stat* pInfo) noexcept
-{
-    if (g_pcUnreadable != nullptr && strcmp(pcPath, g_pcUnreadable) == 0) {
-        errno = ENOENT;
-        return -1;
-    }
-    using Function = int (*)(const char*, struct stat*);
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, "lstat"))(pcPath, pInfo);
-}
 
 // ---- Pages ----
 

@@ -1,16 +1,13 @@
 // CREATE, MKDIR, SYMLINK, MKNOD, REMOVE, RMDIR, RENAME and LINK as the program's object answers
 // them: statuses, bytes and lines.
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "NamespaceFixture.h"
+#include "UnreadablePath.h"
 
 namespace {
-
-// The path whose attributes cannot be read, while it is set.
-const char* g_pcUnreadable = nullptr;
 
 class Nfs3ProgNamespace : public CNfs3ProgFixture {
 protected:
@@ -101,17 +98,6 @@ protected:
 };
 
 }  // namespace
-
-// Stands before the system's, to show a file whose attributes go missing between two looks.
-extern "C" int lstat(const char* pcPath, struct stat* pInfo) noexcept
-{
-    if (g_pcUnreadable != nullptr && strcmp(pcPath, g_pcUnreadable) == 0) {
-        errno = EIO;
-        return -1;
-    }
-    using Function = int (*)(const char*, struct stat*);
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, "lstat"))(pcPath, pInfo);
-}
 
 // ---- Arguments ----
 

@@ -2,7 +2,6 @@
 #include "Nfs3Prog.h"
 
 #include <cstdlib>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -16,6 +15,7 @@
 #include "Nfs3Fixture.h"
 #include "Nfs3Xdr.h"
 #include "NfsProg.h"
+#include "UnreadablePath.h"
 
 namespace {
 
@@ -67,9 +67,6 @@ public:
     }
 };
 
-// The path whose attributes cannot be read, while it is set.
-const char* g_pcUnreadable = nullptr;
-
 class Nfs3Prog : public CNfs3ProgFixture {
 protected:
     Nfs3Prog() { Add(m_folder.Path(), "vm1"); }
@@ -110,17 +107,6 @@ constexpr size_t WORD_MODE = 1;
 constexpr size_t WORD_RDEV = 9;
 
 }  // namespace
-
-// Stands before the system's, to show a file whose attributes go missing between two looks.
-extern "C" int lstat(const char* pcPath, struct stat* pInfo) noexcept
-{
-    if (g_pcUnreadable != nullptr && strcmp(pcPath, g_pcUnreadable) == 0) {
-        errno = EIO;
-        return -1;
-    }
-    using Function = int (*)(const char*, struct stat*);
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, "lstat"))(pcPath, pInfo);
-}
 
 TEST_F(Nfs3Prog, VersionAndProcedures)
 {

@@ -530,6 +530,7 @@ TEST_F(NamespaceTrouble, NoFreeDescriptor_CreateFailsAndNamesGoOn)
 {
     m_Folder.Write("file", "text");
     const std::string sFile = Lookup(m_sRoot, "file");
+    EXPECT_EQ(Read(sFile), "text");  // a sanitizer's first look at a class needs a pipe
     m_pMain->CloseAllCachedFileHandles(m_Folder.Path().c_str());
     {
         const CDescriptorShortage shortage;

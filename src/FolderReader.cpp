@@ -31,6 +31,7 @@ CFolderReader::CFolderReader(const char* pcPath) : m_sPath(pcPath), m_pStream(op
 
 const char* CFolderReader::ReadName()
 {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): a stream has one user at a time
     const struct dirent* pEntry = readdir(m_pStream.get());
     return pEntry == nullptr ? nullptr : pEntry->d_name;
 }

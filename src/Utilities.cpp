@@ -13,6 +13,7 @@ CUtilities::~CUtilities()
 {
     CRuntimeParam silent("", 0);
     LogArgu logArgu;
+    CUtilities::CloseAllRedirectedFiles(&silent);
     CUtilities::CloseAllCachedFileHandles(&silent, &logArgu);
 }
 

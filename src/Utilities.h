@@ -280,8 +280,15 @@ public:
                      char* pcError);
     int OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pBuffer,
                     unsigned int iLength, char* pcError);
+    // OS_FileSeek to iOffset and OS_FileRead in one, with the lines of both, but the descriptor's
+    // position, which others may be using, stays where it is.
+    int OS_FileReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iOffset,
+                      void* pBuffer, unsigned int iLength, char* pcError);
     int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
                      const void* pBuffer, unsigned int iLength, char* pcError);
+    // OS_FileWrite, with its line, but at iOffset; the descriptor's position stays likewise.
+    int OS_FileWriteAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                       long long iOffset, const void* pBuffer, unsigned int iLength, char* pcError);
     long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
                           long long iOffset, int iWhence, char* pcError);
     long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
@@ -317,17 +324,38 @@ public:
     unsigned long long GetMaxFileSize(const char* pcPath);   // bytes
     unsigned long long GetCurrentSystemTimeInMilliseconds();
 
-    // ---- Redirected files: the table is always empty yet, so an open opens nothing ----
+    // ---- Redirected files ----
 
+    // Makes the file of this path, which should exist as a placeholder, one that is assembled from
+    // segments; replaces what was open under it. iSize is in bytes. With bCreateInfoFile the
+    // segments are kept in the placeholder, which must be empty, and the two sizes in MiB count
+    // (see CRedirectedFile::Open). The table owns the result.
     CRedirectedFile* OpenRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                         long long iSize, bool bCreateInfoFile,
                                         int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB);
+
+    // Null if no file is open under this path. Whoever holds the result can go on using it when
+    // the file is closed; it reads as zeros then.
+    std::shared_ptr<CRedirectedFile> GetRedirectedFile(const char* pcPath);
+
+    // Nothing happens for a path that is not open. The second form closes pcDirPath itself and
+    // everything below it.
     void CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
     void CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcDirPath);
     void CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam);
+
+    // See CRedirectedFile::AddSegment. False for a path that is not open.
     bool AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                   const char* pcSrcPath, long long iSrcFileOffset,
                                   long long iOffset, long long iLength, char* pcReason);
+
+    // Moves an open file to another path; what was open there is closed. It goes on looking for
+    // its index file, if it has one, at the path under which it was opened.
+    void RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom,
+                              const char* pcPathTo);
+
+    // Write the contents, or a listing of the segments, into a file that exists. The host's other
+    // operations on redirected files wait meanwhile, but nothing that clients do.
     void ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
                               const char* pcExportPath);
     void ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath,
@@ -384,6 +412,12 @@ private:
     int OpenFileWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                           int iFlags, char* pcError) REQUIRES(m_hMutexOpenedFileHandles);
 
+    bool RenameRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPathFrom,
+                               const char* pcPathTo, bool bFolder);
+    int CountRedirectedFilesBeside(const char* pcPath);
+    bool DropRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    std::vector<std::string> GetRedirectedFilePaths();
+
     std::atomic<CCallback*> m_pCallback = nullptr;      // not owned
     std::atomic<CFileLogger*> m_pFileLogger = nullptr;  // not owned
 
@@ -398,7 +432,10 @@ private:
     std::vector<FileInUse> m_vFilesInUse GUARDED_BY(m_hMutexOpenedFileHandles);
     CFolderPositions m_FolderPositions GUARDED_BY(m_hMutexOpenedFileHandles);
 
-    CMutex m_hMutexRedirectedFiles;
+    CMutex m_hMutexRedirectedFiles;  // held for a whole operation of the host
+    CMutex m_hMutexRedirectedTable;  // held for one look-up or change
+    std::map<std::string, std::shared_ptr<CRedirectedFile>, std::less<>>
+        m_mRedirectedFiles GUARDED_BY(m_hMutexRedirectedTable);  // by path
 
     CMutex m_hMutexMountInfos;
     std::map<std::string, MountInfo> m_MountInfos GUARDED_BY(m_hMutexMountInfos);  // by name

@@ -1,17 +1,33 @@
 // What the NFS procedures do to files.
 #include "Utilities.h"
 
+#include <algorithm>
 #include <cstring>
+#include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "CachedFile.h"
 #include "FileTable.h"
+#include "RedirectedFile.h"
 #include "Text.h"
+
+namespace {
+
+// An offset that no file reaches means the same as the last one there is.
+long long ClampOffset(unsigned long long iOffset)
+{
+    constexpr unsigned long long LAST = std::numeric_limits<long long>::max();
+    return static_cast<long long>(std::min(iOffset, LAST));
+}
+
+}  // namespace
 
 long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                   const char* pcPath, long long iDefault)
 {
+    if (const std::shared_ptr<CRedirectedFile> pRedirected = GetRedirectedFile(pcPath))
+        return pRedirected->GetFileSize();
     const CCachedFile file(this, pRuntimeParam, pLogArgu, pcPath, false);
     if (file.Get() == -1)
         return iDefault;
@@ -36,6 +52,8 @@ int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
         LogInfo(pRuntimeParam, "[%s] Read file, path=%s, iSeek=%llu, iSeekType=%d, length=%u",
                 pLogArgu->pcName, pcPath, iSeek, iSeekType, iLength);
     *pbEof = true;
+    if (const std::shared_ptr<CRedirectedFile> pRedirected = GetRedirectedFile(pcPath))
+        return pRedirected->Read(pRuntimeParam, ClampOffset(iSeek), pBuffer, iLength, pbEof);
     const CCachedFile file(this, pRuntimeParam, pLogArgu, pcPath, false);
     if (file.Get() == -1 || OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(),
                                         static_cast<long long>(iSeek), iSeekType, nullptr) < 0)
@@ -54,6 +72,8 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
     if (pRuntimeParam->IsLogFileAccess())
         LogInfo(pRuntimeParam, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u",
                 pLogArgu->pcName, pcPath, iSeek, iSeekType, iLength);
+    if (GetRedirectedFile(pcPath) != nullptr)  // nothing is stored: the host is told
+        return LogWriteRedirectedFile(pRuntimeParam, pcPath, iSeek, iSeekType, iLength);
     const CCachedFile file(this, pRuntimeParam, pLogArgu, pcPath, false);
     if (file.Get() == -1 || OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(),
                                         static_cast<long long>(iSeek), iSeekType, nullptr) < 0)
@@ -87,6 +107,8 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
         if (OS_FileRename(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, nullptr) != 0)
             return false;
     }
+    if (!RenameRedirectedFiles(pRuntimeParam, pcPathFrom, pcPathTo, bFolder))
+        return false;
     const CMutexLock lock(m_hMutexFileTable);
     if (bFolder)
         m_pFileTable->UpdateItemPathsBelow(pcPathFrom, pcPathTo);
@@ -106,13 +128,35 @@ void CUtilities::CloseRenamedFiles(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
         CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
 }
 
+// Lets redirected files follow a rename and tells the host. False if it refuses the file's own;
+// for files in a renamed folder nobody asks it.
+bool CUtilities::RenameRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPathFrom,
+                                       const char* pcPathTo, bool bFolder)
+{
+    for (const std::string& sFrom :
+         bFolder ? GetRedirectedFilePaths() : std::vector<std::string>()) {
+        if (!IsPathBelow(sFrom, pcPathFrom))
+            continue;
+        const std::string sTo = pcPathTo + sFrom.substr(strlen(pcPathFrom));
+        RenameRedirectedFile(pRuntimeParam, sFrom.c_str(), sTo.c_str());
+        LogRenameRedirectedFile(pRuntimeParam, sFrom.c_str(), sTo.c_str());
+    }
+    if (GetRedirectedFile(pcPathFrom) == nullptr)
+        return true;
+    RenameRedirectedFile(pRuntimeParam, pcPathFrom, pcPathTo);
+    return LogRenameRedirectedFile(pRuntimeParam, pcPathFrom, pcPathTo) == 0;
+}
+
 bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath)
 {
     if (pRuntimeParam->IsLogFileAccess())
         LogInfo(pRuntimeParam, "[%s] Remove file, path=%s", pLogArgu->pcName, pcPath);
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
     CloseFolders(pcPath);
-    return OS_FileRemove(pRuntimeParam, pLogArgu, pcPath, nullptr) == 0;
+    if (OS_FileRemove(pRuntimeParam, pLogArgu, pcPath, nullptr) != 0)
+        return false;
+    return !DropRedirectedFile(pRuntimeParam, pcPath) ||
+           LogRemoveRedirectedFile(pRuntimeParam, pcPath) == 0;
 }
 
 bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
@@ -130,6 +174,11 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLo
                 "atime.nsec=%u, set_mtime=%d, mtime.sec=%u, mtime.nsec=%u",
                 pLogArgu->pcName, pcPath, bSetMode, iMode, bSetUid, iUid, bSetGid, iGid, bSetSize,
                 iSize, bSetAtime, iAtimeSec, iAtimeNsec, bSetMtime, iMtimeSec, iMtimeNsec);
+    if (!bSetMode && !bSetUid && !bSetGid && !bSetSize && !bSetAtime && !bSetMtime)
+        return true;
+    if (GetRedirectedFile(pcPath) != nullptr)
+        return LogUpdateRedirectedFileAttributes(pRuntimeParam, pcPath, bSetSize, iSize, bSetAtime,
+                                                 iAtimeSec, bSetMtime, iMtimeSec) == 0;
     if (!bSetMode && !bSetSize)
         return true;  // owner, group and times are accepted and left as they are
 

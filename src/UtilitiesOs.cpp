@@ -166,10 +166,47 @@ int CUtilities::OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int
     return static_cast<int>(iResult);
 }
 
+int CUtilities::OS_FileReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                              long long iOffset, void* pBuffer, unsigned int iLength, char* pcError)
+{
+    const ssize_t iResult = iFile == -1 ? -1 : pread(iFile, pBuffer, iLength, iOffset);
+    if (iResult == -1) {
+        const bool bSeek = iFile == -1 || iOffset < 0 || errno == ESPIPE;  // a seek fails of these
+        const CErrorText error(this, pcError, iFile == -1);
+        if (!bSeek && pRuntimeParam->IsLogFileAccess())
+            LogInfo(pRuntimeParam, "[%s] OS seek file (%d)", pLogArgu->pcName, iFile);
+        if (pRuntimeParam->IsLogError())
+            LogError(pRuntimeParam,
+                     bSeek ? "[%s] OS seek file (%d). Error=%s"
+                           : "[%s] OS read file (%d). Error=%s",
+                     pLogArgu->pcName, iFile, error.Get());
+    } else if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] OS seek file (%d)", pLogArgu->pcName, iFile);
+        LogInfo(pRuntimeParam, "[%s] OS read file (%d)", pLogArgu->pcName, iFile);
+    }
+    return static_cast<int>(iResult);
+}
+
 int CUtilities::OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
                              const void* pBuffer, unsigned int iLength, char* pcError)
 {
     const ssize_t iResult = iFile == -1 ? -1 : write(iFile, pBuffer, iLength);
+    if (iResult == -1) {
+        const CErrorText error(this, pcError, iFile == -1);
+        if (pRuntimeParam->IsLogError())
+            LogError(pRuntimeParam, "[%s] OS write file (%d). Error=%s", pLogArgu->pcName, iFile,
+                     error.Get());
+    } else if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] OS write file (%d)", pLogArgu->pcName, iFile);
+    }
+    return static_cast<int>(iResult);
+}
+
+int CUtilities::OS_FileWriteAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                               long long iOffset, const void* pBuffer, unsigned int iLength,
+                               char* pcError)
+{
+    const ssize_t iResult = iFile == -1 ? -1 : pwrite(iFile, pBuffer, iLength, iOffset);
     if (iResult == -1) {
         const CErrorText error(this, pcError, iFile == -1);
         if (pRuntimeParam->IsLogError())

@@ -1,11 +1,8 @@
 // The server as the Linux kernel meets it. Each suite runs one job in a guest; its cases then look
 // at what the guest found and at what is left in the published folder.
-#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <memory>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -16,11 +13,8 @@
 #include <gtest/gtest.h>
 
 #include "Digest.h"
-#include "KernelGuest.h"
-#include "NfsMain.h"
+#include "KernelVisit.h"
 #include "Sanitizers.h"
-#include "TestEnvironment.h"
-#include "Text.h"
 
 namespace {
 
@@ -28,102 +22,6 @@ constexpr size_t MIB = 0x100000;
 constexpr size_t IMAGE_SIZE = (IS_SANITIZED ? 64 : 512) * MIB;
 constexpr size_t HALF_SIZE = (IS_SANITIZED ? 4 : 16) * MIB;  // of the disk that several use at once
 constexpr size_t NOISE_SIZE = MIB;
-
-constexpr char DONE[] = "0";  // what `try` tells of a command that succeeded without a word
-
-// A mount is answered, and the reply is ours, accepted and without an error.
-constexpr char UMNT_REPLY[] = "80000018000000070000000100000000000000000000000000000000";
-
-// Bytes without a pattern that a shifted or repeated piece could hide in; each seed has its own.
-std::string Noise(size_t iSize, uint64_t iState)
-{
-    std::string sBytes(iSize, '\0');
-    for (char& cByte : sBytes) {
-        iState ^= iState << 13;
-        iState ^= iState >> 7;
-        iState ^= iState << 17;
-        cByte = static_cast<char>(iState >> 32);
-    }
-    return sBytes;
-}
-
-std::vector<std::string> Words(const std::string& sText)
-{
-    std::istringstream stream(sText);
-    return {std::istream_iterator<std::string>(stream), std::istream_iterator<std::string>()};
-}
-
-// A server with a published folder, and a guest that comes to use it.
-class CVisit {
-public:
-    void Run(const GuestJob& job)
-    {
-        const size_t iDescriptors = CountDescriptors();
-        char cReason[REASON_SIZE] = "";
-        CNfsMain main("kernel test", 0);
-        ASSERT_TRUE(main.Initial(cReason)) << cReason;
-        ASSERT_TRUE(main.StartServer(0, 0, 0, 0, false, cReason)) << cReason;
-        ASSERT_TRUE(main.AddMountPoint(m_Folder.Path().c_str(), "vm1", cReason)) << cReason;
-        m_Guest.Run(job);
-        EXPECT_EQ(statvfs(m_Folder.Path().c_str(), &m_Space), 0);
-        m_iMounted = main.GetMountInfo(true, false);
-        main.StopServer();
-        main.Terminate();
-        EXPECT_EQ(CountDescriptors(), iDescriptors);
-    }
-
-    CScratchFolder m_Folder;   // published
-    CScratchFolder m_Outside;  // not published
-    CKernelGuest m_Guest;
-    struct statvfs m_Space = {};  // of the published folder, when the guest had ended
-    int m_iMounted = -1;          // how many exports were mounted then
-};
-
-// A suite derives from this, makes its visit in SetUpTestSuite, and asks about it in its cases.
-class CKernelTest : public testing::Test {
-protected:
-    static void TearDownTestSuite() { s_pVisit.reset(); }
-
-    void SetUp() override
-    {
-        if (!CKernelGuest::WhatIsMissing().empty())
-            GTEST_SKIP() << "The kernel test is skipped without " << CKernelGuest::WhatIsMissing();
-        ASSERT_NE(s_pVisit, nullptr);
-    }
-
-    // False where no guest can run; the cases are skipped then.
-    static bool Prepare()
-    {
-        if (!CKernelGuest::WhatIsMissing().empty())
-            return false;
-        s_pVisit = std::make_unique<CVisit>();
-        return true;
-    }
-
-    static std::string Result(const std::string& sName) { return s_pVisit->m_Guest.Result(sName); }
-
-    static std::string Published(const std::string& sName)
-    {
-        return s_pVisit->m_Folder.Path(sName);
-    }
-
-    static std::string Contents(const std::string& sName)
-    {
-        return ReadWholeFile(Published(sName));
-    }
-
-    // What every suite's guest must find at both ends of its visit.
-    static void ExpectQuietVisit()
-    {
-        EXPECT_EQ(Result("mount"), DONE);
-        EXPECT_EQ(s_pVisit->m_Guest.Complaints(), "");
-        EXPECT_EQ(s_pVisit->m_iMounted, 0);
-    }
-
-    static std::unique_ptr<CVisit> s_pVisit;  // null where no guest can run
-};
-
-std::unique_ptr<CVisit> CKernelTest::s_pVisit;
 
 // --- A hypervisor and its datastore
 

@@ -244,25 +244,36 @@ TEST_F(NfsMain, Datastores_AreAddedListedAndRemoved)
     EXPECT_EQ(m_pMain->GetVSphereInfo(false), 0);
 }
 
-// Nothing stands behind these yet, and nothing pretends.
-TEST_F(NfsMain, RedirectedFiles_FindNoneAndChangeNothing)
+TEST_F(NfsMain, RedirectedFiles_AreAssembledExportedAndClosed)
 {
-    const std::string sFile = m_folder.Write("file", "data");
+    const std::string sSource = m_folder.Write("source", "0123456789");
+    const std::string sFile = m_folder.Write("disk", "");
+    const std::string sContents = m_folder.Write("contents", "");
+    const std::string sListing = m_folder.Write("listing", "");
     const char* pcPath = sFile.c_str();
-    const std::string sExport = m_folder.Path("export");
+    Export();  // elsewhere the targets below would be opened for reading only
     const size_t iDescriptors = CountDescriptors();
 
-    m_pMain->OpenRedirectedFile(pcPath, 100, false, 0, 0);
-    m_pMain->OpenRedirectedFile(pcPath, 100, true, 1, 1);
-    EXPECT_FALSE(m_pMain->AddRedirectedFileSegment(pcPath, pcPath, 0, 0, 4, m_cReason));
-    m_pMain->ExportRedirectedFile(pcPath, sExport.c_str());
-    m_pMain->ExportRedirectedFileInfo(pcPath, sExport.c_str(), true);
+    m_pMain->OpenRedirectedFile(pcPath, 12, true, 1, 1);
+    m_pMain->OpenRedirectedFile(pcPath, 8, false, 0, 0);  // replaces it
+    EXPECT_TRUE(m_pMain->AddRedirectedFileSegment(pcPath, sSource.c_str(), 4, 0, 3, m_cReason));
+    EXPECT_TRUE(m_pMain->AddRedirectedFileSegment(pcPath, nullptr, 0, 3, 1, m_cReason));
+    EXPECT_FALSE(m_pMain->AddRedirectedFileSegment(pcPath, sSource.c_str(), 0, 8, 3, m_cReason));
+    EXPECT_FALSE(m_pMain->AddRedirectedFileSegment(sSource.c_str(), nullptr, 0, 0, 1, m_cReason));
+    m_pMain->ExportRedirectedFile(pcPath, sContents.c_str());
+    m_pMain->ExportRedirectedFileInfo(pcPath, sListing.c_str(), false);
+    EXPECT_EQ(ReadWholeFile(sContents), std::string("456\0\0\0\0\0", 8));
+    EXPECT_EQ(ReadWholeFile(sListing), "Segment path=" + sSource +
+                                           ", fox=4, ox=0, len=3\n"
+                                           "Segment path=Null, fox=0, ox=3, len=1\n");
     m_pMain->CloseRedirectedFile(pcPath);
-    m_pMain->CloseAllRedirectedFiles(m_folder.Path().c_str());
+    EXPECT_FALSE(m_pMain->AddRedirectedFileSegment(pcPath, sSource.c_str(), 4, 0, 3, m_cReason));
 
+    m_pMain->OpenRedirectedFile(pcPath, 8, false, 0, 0);
+    m_pMain->CloseAllRedirectedFiles(m_folder.Path().c_str());
+    EXPECT_FALSE(m_pMain->AddRedirectedFileSegment(pcPath, sSource.c_str(), 4, 0, 3, m_cReason));
     EXPECT_EQ(CountDescriptors(), iDescriptors);
-    EXPECT_EQ(ReadWholeFile(sFile), "data");
-    EXPECT_FALSE(std::filesystem::exists(sExport));
+    EXPECT_EQ(ReadWholeFile(sFile), "");
     EXPECT_EQ(m_recorder.Notifications(), Lines{});
 }
 

@@ -368,7 +368,6 @@ TEST_F(UtilitiesFiles, RemoveFile_Impossible_Fails)
 TEST_F(UtilitiesFiles, NothingRedirected_TellsTheHostNothing)
 {
     const std::string sFile = m_folder.Write("file", "text");
-    m_utilities.OpenRedirectedFile(&m_param, sFile.c_str(), 100, false, 0, 0);
     GetID(sFile);
     Write(sFile, 0, "data");
     m_utilities.UpdateFileAttributes(&m_param, &m_argu, sFile.c_str(), true, 0600, true, 0, true, 0,

@@ -2,15 +2,12 @@
 
 #include <ctime>
 
+#include "FileState.h"
+
 namespace {
 
 // The coarsest times that a file system keeps are even seconds.
 constexpr time_t TIMESTAMP_STEP = 2;  // seconds
-
-bool IsSameTime(const struct timespec& time, const struct timespec& other)
-{
-    return time.tv_sec == other.tv_sec && time.tv_nsec == other.tv_nsec;
-}
 
 // True if a change from now on cannot leave this time as it is. A time that somebody set into the
 // future is as good as one in the past.
@@ -39,7 +36,5 @@ const char* CFolderReader::ReadName()
 bool CFolderReader::IsUnchanged() const
 {
     struct stat now = {};
-    return stat(m_sPath.c_str(), &now) == 0 && now.st_dev == m_Opened.st_dev &&
-           now.st_ino == m_Opened.st_ino && IsSameTime(now.st_mtim, m_Opened.st_mtim) &&
-           IsSameTime(now.st_ctim, m_Opened.st_ctim);
+    return stat(m_sPath.c_str(), &now) == 0 && IsSameFileState(now, m_Opened);
 }

@@ -142,18 +142,20 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSrc
 int CRedirectedFile::GetSourceIndex(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                     const char* pcSrcPath)
 {
-    int iSource = NO_SOURCE;
-    if (pcSrcPath != nullptr && pcSrcPath[0] != '\0') {
-        const auto [it, bNew] =
-            m_mSourceIndex.try_emplace(pcSrcPath, static_cast<int>(m_vSource.size()));
-        if (bNew)
-            m_vSource.emplace_back(pcSrcPath);
-        iSource = it->second;
+    if (pcSrcPath == nullptr || pcSrcPath[0] == '\0') {
+        if (pRuntimeParam->IsLogRedirectFile())
+            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Reference src (%d): Null", pLogArgu->pcName,
+                                  m_iId);
+        return NO_SOURCE;
     }
+    const auto [it, bNew] =
+        m_mSourceIndex.try_emplace(pcSrcPath, static_cast<int>(m_vSource.size()));
+    if (bNew)
+        m_vSource.emplace_back(pcSrcPath);
     if (pRuntimeParam->IsLogRedirectFile())
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Reference src (%d): %s", pLogArgu->pcName, m_iId,
-                              GetSourcePath(iSource) == nullptr ? "Null" : pcSrcPath);
-    return iSource;
+                              pcSrcPath);
+    return it->second;
 }
 
 // Null for a segment without source, and for what garbage in an index file names.

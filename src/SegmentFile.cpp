@@ -3,17 +3,13 @@
 #include <algorithm>
 #include <iterator>
 
+#include "FileState.h"
 #include "Utilities.h"
 
 namespace {
 
 constexpr int64_t RECORD_SIZE = sizeof(Segment);
 constexpr int64_t PIECE_RECORDS = 1024;  // 32 KiB
-
-bool IsSameTime(const struct timespec& time, const struct timespec& other)
-{
-    return time.tv_sec == other.tv_sec && time.tv_nsec == other.tv_nsec;
-}
 
 }  // namespace
 
@@ -60,9 +56,7 @@ void CSegmentFile::EndAppend(int iFile, bool bDone)
 bool CSegmentFile::IsAsLeft(int iFile) const
 {
     struct stat now = {};
-    return fstat(iFile, &now) == 0 && now.st_dev == m_Left.st_dev && now.st_ino == m_Left.st_ino &&
-           now.st_size == m_Left.st_size && IsSameTime(now.st_mtim, m_Left.st_mtim) &&
-           IsSameTime(now.st_ctim, m_Left.st_ctim);
+    return fstat(iFile, &now) == 0 && IsSameFileState(now, m_Left);
 }
 
 bool CSegmentFile::Find(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, int64_t iStart,

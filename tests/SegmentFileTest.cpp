@@ -306,6 +306,21 @@ TEST_F(SegmentFile, EmptiedBeforeTheFirstAppend_IsForgotten)
     EXPECT_EQ(Find(6), -1);
 }
 
+// The host tries again what a full disk refused.
+TEST_F(SegmentFile, RecordsThatWereTakenBack_LeaveTheOrderAsItWas)
+{
+    constexpr int64_t COUNT = 300'000;
+    Append(MakeMany(COUNT));
+    for (int i = 0; i < 2; i++) {
+        m_segmentFile.BeginAppend(m_file.Get());
+        m_segmentFile.Append(MakeSegment(COUNT * 10, 10));
+        m_segmentFile.EndAppend(m_file.Get(), false);
+    }
+    Append({MakeSegment(COUNT * 10, 10, 7)});
+    EXPECT_LE(CountReads(COUNT * 10), 12U);
+    EXPECT_EQ(m_cursor.segment.iSource, 7);
+}
+
 // Bytes that belong to no record shift all that follow.
 TEST_F(SegmentFile, PartOfARecordBetweenTwoAppends_ShiftsWhatFollows)
 {

@@ -458,6 +458,54 @@ TEST_F(UtilitiesOs, FileReadAndWrite_MoveThePosition)
     EXPECT_EQ(ReadWholeFile(m_folder.Path("file")), "0123XY6789");
 }
 
+// For descriptors that several use at once. The lines are those of the calls that they stand for.
+TEST_F(UtilitiesOs, FileReadAtAndWriteAt_LeaveThePosition)
+{
+    const CAutoFd file(Open(m_folder.Write("file", "0123456789")));
+    m_param.SetLogControl(LOG_CONTROL_FILE_ACCESS | LOG_CONTROL_ERROR);
+    m_recorder.Clear();
+    const std::string sFile = " file (" + std::to_string(file.Get()) + ")";
+    char cBuffer[4] = {};
+    EXPECT_EQ(m_utilities.OS_FileReadAt(&m_param, &m_argu, file.Get(), 3, cBuffer, 4, nullptr), 4);
+    EXPECT_EQ(std::string(cBuffer, 4), "3456");
+    EXPECT_EQ(m_utilities.OS_FileReadAt(&m_param, &m_argu, file.Get(), 10, cBuffer, 4, nullptr), 0);
+    EXPECT_EQ(m_utilities.OS_FileWriteAt(&m_param, &m_argu, file.Get(), 8, "XYZ", 3, nullptr), 3);
+    EXPECT_EQ(lseek(file.Get(), 0, SEEK_CUR), 0);
+    EXPECT_EQ(ReadWholeFile(m_folder.Path("file")), "01234567XYZ");
+    EXPECT_EQ(m_recorder.Lines(),
+              (Lines{"info|host|[Test] OS seek" + sFile, "info|host|[Test] OS read" + sFile,
+                     "info|host|[Test] OS seek" + sFile, "info|host|[Test] OS read" + sFile,
+                     "info|host|[Test] OS write" + sFile}));
+}
+
+TEST_F(UtilitiesOs, FileReadAtAndWriteAt_Failures_SayWhatFailed)
+{
+    const CAutoFd file(Open(m_folder.Write("file", "0123456789")));
+    const CAutoFd folder(open(m_folder.Path().c_str(), O_RDONLY | O_CLOEXEC));
+    m_param.SetLogControl(LOG_CONTROL_ERROR);
+    m_recorder.Clear();
+    char cBuffer[4] = {};
+    char cReason[REASON_SIZE] = "";
+    EXPECT_EQ(m_utilities.OS_FileReadAt(&m_param, &m_argu, file.Get(), -1, cBuffer, 4, cReason),
+              -1);
+    EXPECT_STREQ(cReason, "Invalid argument (22)");
+    EXPECT_EQ(m_utilities.OS_FileReadAt(&m_param, &m_argu, folder.Get(), 0, cBuffer, 4, nullptr),
+              -1);
+    EXPECT_EQ(m_utilities.OS_FileReadAt(&m_param, &m_argu, -1, 0, cBuffer, 4, nullptr), -1);
+    EXPECT_EQ(m_utilities.OS_FileWriteAt(&m_param, &m_argu, folder.Get(), 0, "X", 1, nullptr), -1);
+    EXPECT_EQ(m_utilities.OS_FileWriteAt(&m_param, &m_argu, -1, 0, "X", 1, cReason), -1);
+    EXPECT_STREQ(cReason, "Bad file descriptor");
+    const std::string sFile = std::to_string(file.Get());
+    const std::string sFolder = std::to_string(folder.Get());
+    EXPECT_EQ(
+        m_recorder.Lines(),
+        (Lines{"error|host|[Test] OS seek file (" + sFile + "). Error=Invalid argument (22)",
+               "error|host|[Test] OS read file (" + sFolder + "). Error=Is a directory (21)",
+               "error|host|[Test] OS seek file (-1). Error=Bad file descriptor",
+               "error|host|[Test] OS write file (" + sFolder + "). Error=Bad file descriptor (9)",
+               "error|host|[Test] OS write file (-1). Error=Bad file descriptor"}));
+}
+
 TEST_F(UtilitiesOs, FolderCreate_UsesTheMode)
 {
     const mode_t iMask = umask(0);

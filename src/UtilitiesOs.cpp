@@ -35,6 +35,40 @@ private:
     char m_cText[REASON_SIZE] = "";
 };
 
+// The lines of a call on a descriptor.
+struct FileLines {
+    const char* pcDone;
+    const char* pcFailed;
+};
+
+constexpr FileLines READ = {"[%s] OS read file (%d)", "[%s] OS read file (%d). Error=%s"};
+constexpr FileLines WRITE = {"[%s] OS write file (%d)", "[%s] OS write file (%d). Error=%s"};
+constexpr FileLines SEEK = {"[%s] OS seek file (%d)", "[%s] OS seek file (%d). Error=%s"};
+constexpr FileLines TELL = {"[%s] OS tell file (%d)", "[%s] OS tell file (%d). Error=%s"};
+
+struct FileCall {
+    CUtilities* pUtilities;
+    CRuntimeParam* pRuntimeParam;
+    LogArgu* pLogArgu;
+    int iFile;      // -1: no call was made
+    char* pcError;  // may be null
+};
+
+// Writes the line of a call that has just been made. The result is the call's, -1 if it failed.
+long long LogCall(const FileCall& call, const FileLines& lines, long long iResult)
+{
+    if (iResult == -1) {
+        const CErrorText error(call.pUtilities, call.pcError, call.iFile == -1);
+        if (call.pRuntimeParam->IsLogError())
+            call.pUtilities->LogError(call.pRuntimeParam, lines.pcFailed, call.pLogArgu->pcName,
+                                      call.iFile, error.Get());
+    } else if (call.pRuntimeParam->IsLogFileAccess()) {
+        call.pUtilities->LogInfo(call.pRuntimeParam, lines.pcDone, call.pLogArgu->pcName,
+                                 call.iFile);
+    }
+    return iResult;
+}
+
 }  // namespace
 
 // An open beside the cache, which closes no cached file for it. But directories that are kept open
@@ -155,51 +189,29 @@ int CUtilities::OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int
                             void* pBuffer, unsigned int iLength, char* pcError)
 {
     const ssize_t iResult = iFile == -1 ? -1 : read(iFile, pBuffer, iLength);
-    if (iResult == -1) {
-        const CErrorText error(this, pcError, iFile == -1);
-        if (pRuntimeParam->IsLogError())
-            LogError(pRuntimeParam, "[%s] OS read file (%d). Error=%s", pLogArgu->pcName, iFile,
-                     error.Get());
-    } else if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] OS read file (%d)", pLogArgu->pcName, iFile);
-    }
-    return static_cast<int>(iResult);
+    return static_cast<int>(
+        LogCall({this, pRuntimeParam, pLogArgu, iFile, pcError}, READ, iResult));
 }
 
 int CUtilities::OS_FileReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
                               long long iOffset, void* pBuffer, unsigned int iLength, char* pcError)
 {
+    const FileCall call{this, pRuntimeParam, pLogArgu, iFile, pcError};
     const ssize_t iResult = iFile == -1 ? -1 : pread(iFile, pBuffer, iLength, iOffset);
-    if (iResult == -1) {
-        const bool bSeek = iFile == -1 || iOffset < 0 || errno == ESPIPE;  // a seek fails of these
-        const CErrorText error(this, pcError, iFile == -1);
-        if (!bSeek && pRuntimeParam->IsLogFileAccess())
-            LogInfo(pRuntimeParam, "[%s] OS seek file (%d)", pLogArgu->pcName, iFile);
-        if (pRuntimeParam->IsLogError())
-            LogError(pRuntimeParam,
-                     bSeek ? "[%s] OS seek file (%d). Error=%s"
-                           : "[%s] OS read file (%d). Error=%s",
-                     pLogArgu->pcName, iFile, error.Get());
-    } else if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] OS seek file (%d)", pLogArgu->pcName, iFile);
-        LogInfo(pRuntimeParam, "[%s] OS read file (%d)", pLogArgu->pcName, iFile);
-    }
-    return static_cast<int>(iResult);
+    const int iError = errno;
+    if (iResult == -1 && (iFile == -1 || iOffset < 0 || iError == ESPIPE))
+        return static_cast<int>(LogCall(call, SEEK, -1));  // it is these that a seek fails of
+    LogCall(call, SEEK, 0);
+    errno = iError;
+    return static_cast<int>(LogCall(call, READ, iResult));
 }
 
 int CUtilities::OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
                              const void* pBuffer, unsigned int iLength, char* pcError)
 {
     const ssize_t iResult = iFile == -1 ? -1 : write(iFile, pBuffer, iLength);
-    if (iResult == -1) {
-        const CErrorText error(this, pcError, iFile == -1);
-        if (pRuntimeParam->IsLogError())
-            LogError(pRuntimeParam, "[%s] OS write file (%d). Error=%s", pLogArgu->pcName, iFile,
-                     error.Get());
-    } else if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] OS write file (%d)", pLogArgu->pcName, iFile);
-    }
-    return static_cast<int>(iResult);
+    return static_cast<int>(
+        LogCall({this, pRuntimeParam, pLogArgu, iFile, pcError}, WRITE, iResult));
 }
 
 int CUtilities::OS_FileWriteAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
@@ -207,45 +219,22 @@ int CUtilities::OS_FileWriteAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
                                char* pcError)
 {
     const ssize_t iResult = iFile == -1 ? -1 : pwrite(iFile, pBuffer, iLength, iOffset);
-    if (iResult == -1) {
-        const CErrorText error(this, pcError, iFile == -1);
-        if (pRuntimeParam->IsLogError())
-            LogError(pRuntimeParam, "[%s] OS write file (%d). Error=%s", pLogArgu->pcName, iFile,
-                     error.Get());
-    } else if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] OS write file (%d)", pLogArgu->pcName, iFile);
-    }
-    return static_cast<int>(iResult);
+    return static_cast<int>(
+        LogCall({this, pRuntimeParam, pLogArgu, iFile, pcError}, WRITE, iResult));
 }
 
 long long CUtilities::OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
                                   long long iOffset, int iWhence, char* pcError)
 {
     const off_t iResult = iFile == -1 ? -1 : lseek(iFile, iOffset, iWhence);
-    if (iResult == -1) {
-        const CErrorText error(this, pcError, iFile == -1);
-        if (pRuntimeParam->IsLogError())
-            LogError(pRuntimeParam, "[%s] OS seek file (%d). Error=%s", pLogArgu->pcName, iFile,
-                     error.Get());
-    } else if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] OS seek file (%d)", pLogArgu->pcName, iFile);
-    }
-    return iResult;
+    return LogCall({this, pRuntimeParam, pLogArgu, iFile, pcError}, SEEK, iResult);
 }
 
 long long CUtilities::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
                                   char* pcError)
 {
     const off_t iResult = iFile == -1 ? -1 : lseek(iFile, 0, SEEK_CUR);
-    if (iResult == -1) {
-        const CErrorText error(this, pcError, iFile == -1);
-        if (pRuntimeParam->IsLogError())
-            LogError(pRuntimeParam, "[%s] OS tell file (%d). Error=%s", pLogArgu->pcName, iFile,
-                     error.Get());
-    } else if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] OS tell file (%d)", pLogArgu->pcName, iFile);
-    }
-    return iResult;
+    return LogCall({this, pRuntimeParam, pLogArgu, iFile, pcError}, TELL, iResult);
 }
 
 int CUtilities::OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,

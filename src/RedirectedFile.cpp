@@ -27,7 +27,8 @@ constexpr size_t RECORDS_PER_WRITE = 1024;
 
 long long GetRecordsSize(const std::vector<Segment>& vRecords)
 {
-    return static_cast<long long>(vRecords.size() * sizeof(Segment));
+    const size_t iSize = vRecords.size() * sizeof(Segment);
+    return static_cast<long long>(iSize);
 }
 
 // How far into a segment an offset is, and how many bytes are left from there. False where none can

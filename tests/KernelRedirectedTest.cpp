@@ -90,6 +90,7 @@ protected:
         job.mVariables["WRITE_PAGE"] = std::to_string(WRITE_PAGE);
         job.mVariables["DIRECT_OFFSET"] = std::to_string(DIRECT_OFFSET);
         job.mVariables["DIRECT_LENGTH"] = std::to_string(DIRECT_LENGTH);
+        job.mVariables["IMAGE_MIB"] = std::to_string(IMAGE_SIZE / MIB);
         job.mVariables["HEAD_MIB"] = std::to_string(HEAD_MIB);
         job.mVariables["NOTE_OFFSET"] = std::to_string(NOTE_OFFSET);
         job.vModules = {"crc32c-intel", "libcrc32c", "loop"};

@@ -12,6 +12,11 @@ public:
     CAutoFd(const CAutoFd&) = delete;
     CAutoFd& operator=(const CAutoFd&) = delete;
     CAutoFd(CAutoFd&& other) noexcept : m_iFile(other.Release()) {}
+    CAutoFd& operator=(CAutoFd&& other) noexcept
+    {
+        Reset(other.Release());
+        return *this;
+    }
 
     int Get() const { return m_iFile; }
 

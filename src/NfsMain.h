@@ -130,6 +130,8 @@ protected:
     // For derived controllers, which call InitMemberVaribles themselves (kept spelling).
     CNfsMain();
 
+    bool HasFileLogger();
+
     virtual void InitMemberVaribles(const char* pcID, int iLogControl);
     virtual std::unique_ptr<CUtilities> CreateUtilities();
     virtual bool InitialNetwork(char* pcReason);
@@ -168,7 +170,6 @@ private:
         SOCKETS_COUNT,
     };
 
-    bool HasFileLogger();
     bool StartAll(int iMountPort, int iNfsPort, unsigned int iUid, unsigned int iGid,
                   bool bReadOnly, char* pcReason) REQUIRES(m_hMutexServer);
     void CreatePrograms() REQUIRES(m_hMutexServer);

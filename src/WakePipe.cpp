@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include "Pause.h"
@@ -26,10 +25,24 @@ void CWakePipe::Wake()
 
 bool CWakePipe::WaitReadable(int iFile, int iTimeout)
 {
-    struct pollfd waits[2] = {{m_read.Get(), POLLIN, 0}, {iFile, POLLIN, 0}};
-    while (poll(waits, iFile == -1 ? 1 : 2, iTimeout) == -1) {
+    struct pollfd waits[2] = {{iFile, POLLIN, 0}, {m_read.Get(), POLLIN, 0}};
+    return Wait(waits, 2, iTimeout);
+}
+
+bool CWakePipe::WaitReadable(std::vector<struct pollfd>* pvWaits, int iTimeout)
+{
+    pvWaits->push_back({m_read.Get(), POLLIN, 0});
+    const bool bResult = Wait(pvWaits->data(), pvWaits->size(), iTimeout);
+    pvWaits->pop_back();
+    return bResult;
+}
+
+// The pipe is the last one. No descriptor (-1) among the others is passed over.
+bool CWakePipe::Wait(struct pollfd* pWaits, size_t iCount, int iTimeout)
+{
+    while (poll(pWaits, static_cast<nfds_t>(iCount), iTimeout) == -1) {
         if (errno != EINTR)
             Pause(10);  // out of memory: asking at once again would spin
     }
-    return waits[0].revents == 0;
+    return pWaits[iCount - 1].revents == 0;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <net/if.h>
@@ -11,6 +12,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -29,14 +31,36 @@ bool BringLoopbackUp()
     return socket.Get() != -1 && ioctl(socket.Get(), SIOCSIFFLAGS, &request) == 0;
 }
 
-// A network with nothing but a loopback, and a /run of its own: neither the machine's ports nor
-// its port mapper's socket can be met, and whatever is left behind goes with the process.
+// An empty /tmp, but for the trees that were built from and in, should they lie there.
+bool ReplaceTmp()
+{
+    const std::string sTrees[] = {STAGENFS_SOURCE_DIR, STAGENFS_BINARY_DIR};
+    std::vector<CAutoFd> vTrees;
+    for (const std::string& sTree : sTrees)
+        vTrees.emplace_back(open(sTree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0)
+        return false;
+    for (size_t i = 0; i < vTrees.size(); i++) {
+        if (!sTrees[i].starts_with("/tmp/"))
+            continue;
+        std::error_code error;
+        std::filesystem::create_directories(sTrees[i], error);
+        const std::string sTree = "/proc/self/fd/" + std::to_string(vTrees[i].Get());
+        if (mount(sTree.c_str(), sTrees[i].c_str(), nullptr, MS_BIND, nullptr) != 0)
+            return false;
+    }
+    return true;
+}
+
+// A network with nothing but a loopback, and a /run and /tmp of its own: neither the machine's
+// ports nor its port mapper's socket nor the local channels of other servers can be met, and
+// whatever is left behind goes with the process.
 bool EnterNamespaces()
 {
     return unshare(CLONE_NEWNET | CLONE_NEWNS) == 0 &&
            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0 && mkdir(SCRATCH_ROOT, 0700) == 0 &&
-           BringLoopbackUp();
+           ReplaceTmp() && BringLoopbackUp();
 }
 
 size_t CountEntries(const char* pcFolder)

@@ -1,0 +1,268 @@
+// Connections and their messages; what the messages ask for is in IpcServerRequests.cpp.
+#include "IpcServer.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+
+#include "NfsMain.h"
+#include "RuntimeParam.h"
+#include "Utilities.h"
+
+namespace {
+
+constexpr int BACKLOG = 5;
+constexpr size_t MAX_SILENT = 128;  // connections; the oldest goes when there are more
+constexpr int RETRY_PAUSE = 100;    // milliseconds, when there is no descriptor for a connection
+constexpr int CHANNEL_MODE = 0777;
+
+}  // namespace
+
+CIpcServer::CIpcServer(CNfsMain* pNfsHandle)
+    : CIpcBasic(pNfsHandle->GetUtils(), pNfsHandle->GetRuntimeParam()), m_pNfsHandle(pNfsHandle)
+{
+}
+
+CIpcServer::~CIpcServer()
+{
+    Close();
+}
+
+bool CIpcServer::Open(const char* pcChannel, char* pcError)
+{
+    LogArgu logArgu = {"IpcServer.Open"};
+    {
+        const CMutexLock lock(m_hMutexRequest);
+        if (pcChannel == nullptr) {
+            FormatReason(pcError, "Channel is not defined");
+            return false;
+        }
+        if (m_bOpened) {
+            FormatReason(pcError, "Channel already opened");
+            return false;
+        }
+        sockaddr_un address;
+        if (!SetAddress(&address, pcChannel, pcError))
+            return false;
+        if (m_pRuntimeParam->IsLogIpcState())
+            LogInfo("[%s] Open channel: %s", logArgu.pcName, pcChannel);
+        m_pWakePipe = std::make_unique<CWakePipe>();
+        m_bOpened = true;
+        if (Listen(&logArgu, address, pcError))
+            return true;
+    }
+    Close(nullptr);
+    return false;
+}
+
+bool CIpcServer::Listen(LogArgu* pLogArgu, const sockaddr_un& address, char* pcError)
+{
+    // Not blocking: a connection that is gone again before accept must not hold the thread.
+    m_IpcServerInst.iSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (m_IpcServerInst.iSocket == -1 || !m_pWakePipe->Open())
+        return Fail("Fail to open ipc server socket. %s", errno, pcError);
+
+    unlink(address.sun_path);  // what stays in the way makes bind fail
+    LogState(pLogArgu, "Bind ipc server socket");
+    if (bind(m_IpcServerInst.iSocket, reinterpret_cast<const sockaddr*>(&address),
+             sizeof(address)) != 0)
+        return Fail("Fail to bind ipc server socket. %s", errno, pcError);
+    m_IpcServerInst.socketAddr = address;
+    if (m_pUtilities->OS_SetFileMode(m_pRuntimeParam, pLogArgu, address.sun_path, CHANNEL_MODE,
+                                     pcError) != 0)
+        return false;
+    if (listen(m_IpcServerInst.iSocket, BACKLOG) != 0)
+        return Fail("Fail to listen ipc server socket. %s", errno, pcError);
+    return true;
+}
+
+bool CIpcServer::Open(const char* pcChannel)
+{
+    char cError[REASON_SIZE] = "";
+    if (Open(pcChannel, cError))
+        return true;
+    if (m_pRuntimeParam->IsLogError())
+        LogError("[%s] %s", "IpcServer.Open", cError);
+    return false;
+}
+
+bool CIpcServer::Close(char*)
+{
+    if (!m_bOpened.exchange(false))
+        return true;
+    m_pWakePipe->Wake();
+
+    // Closed only when nobody waits on it any more: its number may be given out again at once.
+    const CMutexLock lock(m_hMutexRequest);
+    if (m_IpcServerInst.iSocket != -1) {
+        shutdown(m_IpcServerInst.iSocket, SHUT_RDWR);
+        close(m_IpcServerInst.iSocket);
+    }
+    const char* pcPath = m_IpcServerInst.socketAddr.sun_path;  // empty if it was never bound
+    LogArgu logArgu = {"IpcServer.Close"};
+    if (pcPath[0] != '\0' && unlink(pcPath) != 0 && m_pUtilities->OS_IsFileExists(pcPath))
+        m_pUtilities->OS_FileRemove(m_pRuntimeParam, &logArgu, pcPath, nullptr);
+    m_IpcServerInst = IpcServerInst{};
+    m_vConnections.clear();
+    m_pWakePipe.reset();
+    return true;
+}
+
+bool CIpcServer::Close()
+{
+    return Close(nullptr);
+}
+
+bool CIpcServer::ReadRequest(char* pcError)
+{
+    LogArgu logArgu = {"IpcServer.ReadRequest"};
+    const CMutexLock lock(m_hMutexRequest);
+    LogState(&logArgu, "Start");
+    if (!m_bOpened) {
+        FormatReason(pcError, "Channel not yet opened.");
+        return false;
+    }
+    if (m_IpcServerInst.iSocket == -1) {
+        FormatReason(pcError, "Invalid socket descriptor.");
+        return false;
+    }
+
+    LogState(&logArgu, "Accept ipc request");
+    CAutoFd connection;
+    switch (WaitForRequest(&connection)) {
+    case WAIT_CLOSED:
+        LogState(&logArgu, "Socket closed");
+        return true;
+    case WAIT_FAILED:
+        return Fail("Fail to accept ipc request. %s", errno, pcError);
+    case WAIT_READY:
+        break;
+    }
+    return Serve(&logArgu, connection.Get(), pcError);
+}
+
+// Hands out the first connection that has something to say.
+CIpcServer::WaitResult CIpcServer::WaitForRequest(CAutoFd* pConnection)
+{
+    for (;;) {
+        std::vector<struct pollfd> vWaits = {{m_IpcServerInst.iSocket, POLLIN, 0}};
+        for (const CAutoFd& connection : m_vConnections)
+            vWaits.push_back({connection.Get(), POLLIN, 0});
+        if (!m_pWakePipe->WaitReadable(&vWaits, -1) || !m_bOpened)
+            return WAIT_CLOSED;
+
+        // Before anyone is served, for the queue of the listener is short.
+        const bool bAccepted = vWaits[0].revents == 0 || AcceptConnections();
+        const int iError = errno;
+        const auto itReady =
+            std::find_if(vWaits.begin() + 1, vWaits.end(),
+                         [](const struct pollfd& wait) { return wait.revents != 0; });
+        if (itReady != vWaits.end()) {
+            const auto it = m_vConnections.begin() + (itReady - vWaits.begin() - 1);
+            *pConnection = std::move(*it);
+            m_vConnections.erase(it);
+            return WAIT_READY;
+        }
+        if (!bAccepted) {
+            m_pWakePipe->WaitReadable(-1, RETRY_PAUSE);  // at once again, it would fail again
+            errno = iError;
+            return WAIT_FAILED;
+        }
+        if (m_vConnections.size() > MAX_SILENT)
+            m_vConnections.erase(m_vConnections.begin());
+    }
+}
+
+// False, with errno set, if a connection could not be taken out of the listener's queue.
+bool CIpcServer::AcceptConnections()
+{
+    while (m_vConnections.size() <= MAX_SILENT) {
+        const int iConnection = accept4(m_IpcServerInst.iSocket, nullptr, nullptr, SOCK_CLOEXEC);
+        if (iConnection != -1)
+            m_vConnections.emplace_back(iConnection);
+        else if (errno != EINTR && errno != ECONNABORTED)
+            return errno == EAGAIN || errno == EWOULDBLOCK;
+    }
+    return true;
+}
+
+bool CIpcServer::Serve(LogArgu* pLogArgu, int iConnection, char* pcError)
+{
+    LogState(pLogArgu, "Read ipc request");
+    IpcDataBuf* pRequest = &m_IpcServerInst.data.request;
+    ssize_t iReceived = -1;
+    do {
+        iReceived = recv(iConnection, pRequest->cBuf, sizeof(pRequest->cBuf), 0);
+    } while (iReceived == -1 && errno == EINTR);
+    if (iReceived == -1)
+        return Fail("Fail to read ipc request. %s", errno, pcError);
+    // Gone without a word. Whoever is still there and says nothing gets an answer; serving the
+    // last request once more for nobody could only do harm.
+    struct pollfd peer = {iConnection, 0, 0};
+    if (iReceived == 0 && poll(&peer, 1, 0) == 1 && (peer.revents & POLLHUP) != 0)
+        return Fail("Fail to read ipc request. %s", ECONNRESET, pcError);
+    pRequest->lDataLen = iReceived;
+    ParseData(pLogArgu, &m_IpcServerInst.data);
+
+    LogState(pLogArgu, "Send ipc reply");
+    const IpcDataBuf* pReply = &m_IpcServerInst.data.reply;
+    ssize_t iSent = -1;
+    do {  // never waits: a socket has room for a message
+        iSent = send(iConnection, pReply->cBuf, static_cast<size_t>(pReply->lDataLen),
+                     MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (iSent == -1 && errno == EINTR);
+    if (iSent == -1)
+        return Fail("Fail to send ipc reply. %s", errno, pcError);
+    if (iSent < pReply->lDataLen)
+        LogError("Fail to send ipc complete reply. (Send = %d, Target = %ld)",
+                 static_cast<int>(iSent), pReply->lDataLen);
+    return true;
+}
+
+bool CIpcServer::ReadRequest()
+{
+    LogArgu logArgu = {"IpcServer.SendRequest"};  // kept: not the name of this operation
+    if (m_bAutoShutdownRequested) {
+        LogState(&logArgu, "Waiting to auto shutdown");
+        return false;
+    }
+    char cError[REASON_SIZE] = "";
+    const bool bResult = ReadRequest(cError);
+    if (!bResult && m_pRuntimeParam->IsLogError())
+        LogError("[%s] %s", logArgu.pcName, cError);
+    if (m_bAutoShutdownRequested)
+        m_pNfsHandle->RequestAutoShutdown();
+    return bResult;
+}
+
+void CIpcServer::WaitForClose(int iMilliseconds)
+{
+    const CMutexLock lock(m_hMutexRequest);
+    if (m_bOpened)
+        m_pWakePipe->WaitReadable(-1, iMilliseconds);
+}
+
+void CIpcServer::ParseData(LogArgu* pLogArgu, IpcDataInst* pData)
+{
+    PrintData(pLogArgu, &pData->request);
+    const Ipc_Header header = *AsRecord<Ipc_Header>(&pData->request);
+    switch (header.iGroup) {
+    case IPC_GROUP_REQUEST:
+        ProcessRequest(pData, header.iType);
+        break;
+    case IPC_GROUP_CALLBACK:
+        ProcessCallback(pData, header.iType);
+        break;
+    case IPC_GROUP_REPLY:
+        FormatReason(ReplyText(pData, IPC_REPLY_TYPE_EXPT),
+                     "Reply action group is not support (%d)", header.iType);
+        break;
+    default:
+        FormatReason(ReplyText(pData, IPC_REPLY_TYPE_EXPT), "Unknown action group: %d (%d)",
+                     header.iGroup, header.iType);
+    }
+    PrintData(pLogArgu, &pData->reply);
+}

@@ -1,312 +1,270 @@
+// The command line and the course of a run; line commands are in ConsoleCommands.cpp, the pid file
+// in ConsolePidFile.cpp.
 #include "ConsoleUtilities.h"
 
-#include <cstdio>
 #include <cstdlib>
-#include <memory>
-#include <poll.h>
-#include <termios.h>
-#include <unistd.h>
+#include <cstring>
 
+#include "FileLogger.h"
+#include "NfsIpcClientMain.h"
+#include "NfsIpcServerMain.h"
 #include "NfsMain.h"
-#include "Pause.h"
+#include "RuntimeParam.h"
+#include "StopSignal.h"
 #include "Text.h"
+#include "Utilities.h"
 
 namespace {
 
-constexpr int POLL_PAUSE = 100;  // milliseconds between two looks at the keyboard
-
+constexpr char OPTION_HELP[] = "-help";
+constexpr char OPTION_SHUTDOWN[] = "-shutdown";
+constexpr char OPTION_QUERY[] = "-query";
+constexpr char OPTION_TEST[] = "-test";
 constexpr char OPTION_ID[] = "-id";
 constexpr char OPTION_LOG[] = "-log";
 constexpr char OPTION_MODE[] = "-md";
+constexpr char OPTION_LOG_FILE[] = "-logfile";
+constexpr char OPTION_PID_FILE[] = "-pidfile";
 constexpr char MODE_INTERNAL[] = "int";
 constexpr char MODE_SERVER[] = "svr";
 constexpr char MODE_CLIENT[] = "cli";
 
-// Keywords; one that takes a value ends in a blank.
-constexpr char COMMAND_HELP[] = "help";
-constexpr char COMMAND_QUIT[] = "quit";
-constexpr char COMMAND_LOG[] = "log ";
-constexpr char COMMAND_STATUS[] = "status";
-constexpr char COMMAND_DEBUG[] = "debug";
-constexpr char COMMAND_START[] = "start";
-constexpr char COMMAND_START_VALUE[] = "start ";
-constexpr char COMMAND_MOUNT[] = "mount ";
-constexpr char COMMAND_UMOUNT[] = "umount ";
+// IDs of a run that was not given one.
+constexpr char ID_CONSOLE[] = "cRun";
+constexpr char ID_SHUTDOWN[] = "shRun";
+constexpr char ID_QUERY[] = "qyRun";
+constexpr char ID_TEST[] = "tmRun";
 
 constexpr char RULER[] = "------------------------------------\n";
-constexpr char HELP_FRAME[] = "==========================\n";
-
-int GetNumber(const std::string& sText)
-{
-    return static_cast<int>(strtol(sText.c_str(), nullptr, 10));
-}
-
-// True, with what follows the keyword, if the line is the keyword and more.
-bool TakesValue(const std::string& sLine, const char* pcKeyword, std::string* psValue)
-{
-    const std::string sKeyword = pcKeyword;
-    if (sLine.length() <= sKeyword.length() || sLine.compare(0, sKeyword.length(), sKeyword) != 0)
-        return false;
-    *psValue = sLine.substr(sKeyword.length());
-    return true;
-}
-
-// The next line of standard input without its newline; what exceeds a path's size is dropped.
-std::string ReadLine()
-{
-    std::string sLine;
-    for (int iNext = getchar(); iNext != '\n' && iNext != EOF; iNext = getchar()) {
-        if (sLine.length() + 1 < PATH_SIZE)
-            sLine.push_back(static_cast<char>(iNext));
-    }
-    return sLine;
-}
-
-// A terminal that yields each key as it is typed, and as it was afterwards.
-class CRawInput {
-public:
-    CRawInput()
-    {
-        m_bTerminal = tcgetattr(STDIN_FILENO, &m_Settings) == 0;
-        if (m_bTerminal) {
-            struct termios raw = m_Settings;
-            raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-            tcsetattr(STDIN_FILENO, TCSANOW, &raw);
-        }
-    }
-    ~CRawInput()
-    {
-        if (m_bTerminal)
-            tcsetattr(STDIN_FILENO, TCSANOW, &m_Settings);
-    }
-    CRawInput(const CRawInput&) = delete;
-    CRawInput& operator=(const CRawInput&) = delete;
-
-private:
-    struct termios m_Settings = {};
-    bool m_bTerminal = false;
-};
 
 }  // namespace
 
-int CConsoleUtilities::Run(const char*, const char* pcArguments)
+int CConsoleUtilities::Run(const char* pcProgram, const char* pcArguments)
 {
     Settings settings;
-    if (!ParseArguments(SplitIntoVector(pcArguments, '\n'), &settings))
+    switch (ParseArguments(SplitIntoVector(pcArguments, '\n'), &settings)) {
+    case PARSE_HELP:
+        PrintUsage(pcProgram);
+        return EXIT_SUCCESS;
+    case PARSE_FAILED:
         return EXIT_FAILURE;
-    if (settings.iAccessMode == -1)
-        settings.iAccessMode = ACCESS_MODE_SERVER;
-    if (settings.iAccessMode != ACCESS_MODE_INTERNAL) {
-        PrintText("Un-supported access mode: %d\n", settings.iAccessMode);
+    case PARSE_OK:
+        break;
+    }
+    CompleteSettings(&settings);
+
+    const CStopSignal stop;
+    char cReason[REASON_SIZE] = "";
+    if (!CreatePidFile(settings.sPidFile.c_str(), settings.iLogControl, cReason)) {
+        PrintText("Fail to create pid file \"%s\". Reason=%s\n", settings.sPidFile.c_str(),
+                  cReason);
         return EXIT_FAILURE;
     }
-    const auto pMain = std::make_unique<CNfsMain>(settings.sID.c_str(), settings.iLogControl);
-    pMain->EnableAutoShutdown(true);
-    return RunController(pMain.get());
+    const int iResult = RunMode(settings);
+    RemovePidFile(settings.sPidFile.c_str(), settings.iLogControl);
+    return iResult;
 }
 
-// False, with the reason printed, for a mode that is none. An option that is not known takes a
-// value like the others, and both are passed over; one without its value ends the list.
-bool CConsoleUtilities::ParseArguments(const std::vector<std::string>& vWords, Settings* pSettings)
+// An option that is not known takes a value like the others, and both are passed over; one without
+// its value ends the list.
+CConsoleUtilities::ParseResult
+CConsoleUtilities::ParseArguments(const std::vector<std::string>& vWords, Settings* pSettings)
 {
     const size_t iWords = vWords.size() - 1;  // what stands behind the last newline is none
-    for (size_t i = 0; i + 1 < iWords; i += 2) {
+    for (size_t i = 0; i < iWords; i++) {
         const std::string& sOption = vWords[i];
-        const std::string& sValue = vWords[i + 1];
+        if (sOption == OPTION_HELP)
+            return PARSE_HELP;
+        if (sOption == OPTION_SHUTDOWN) {
+            pSettings->bShutdown = true;
+            continue;
+        }
+        if (sOption == OPTION_QUERY) {
+            pSettings->bQuery = true;
+            continue;
+        }
+        if (++i == iWords)
+            break;
+        const std::string& sValue = vWords[i];
         if (sOption == OPTION_ID) {
             pSettings->sID = sValue;
+            pSettings->bHasID = true;
         } else if (sOption == OPTION_LOG) {
-            pSettings->iLogControl = GetNumber(sValue);
-        } else if (sOption == OPTION_MODE) {
-            if (sValue == MODE_INTERNAL) {
-                pSettings->iAccessMode = ACCESS_MODE_INTERNAL;
-            } else if (sValue == MODE_SERVER) {
-                pSettings->iAccessMode = ACCESS_MODE_SERVER;
-            } else if (sValue == MODE_CLIENT) {
-                pSettings->iAccessMode = ACCESS_MODE_CLIENT;
-            } else {
-                PrintText("Un-supported mode: %s\n", sOption.c_str());  // kept: not the value
-                return false;
-            }
+            pSettings->iLogControl = static_cast<int>(strtol(sValue.c_str(), nullptr, 10));
+        } else if (sOption == OPTION_LOG_FILE) {
+            pSettings->sLogFile = sValue;
+        } else if (sOption == OPTION_PID_FILE) {
+            pSettings->sPidFile = sValue;
+        } else if ((sOption == OPTION_MODE && !ParseMode(sOption, sValue, pSettings)) ||
+                   (sOption == OPTION_TEST && !ParseTest(sValue, pSettings))) {
+            return PARSE_FAILED;
         }
+    }
+    return PARSE_OK;
+}
+
+bool CConsoleUtilities::ParseMode(const std::string& sOption, const std::string& sValue,
+                                  Settings* pSettings)
+{
+    if (sValue == MODE_INTERNAL) {
+        pSettings->iAccessMode = ACCESS_MODE_INTERNAL;
+    } else if (sValue == MODE_SERVER) {
+        pSettings->iAccessMode = ACCESS_MODE_SERVER;
+    } else if (sValue == MODE_CLIENT) {
+        pSettings->iAccessMode = ACCESS_MODE_CLIENT;
+    } else {
+        PrintText("Un-supported mode: %s\n", sOption.c_str());  // kept: not the value
+        return false;
     }
     return true;
 }
 
-int CConsoleUtilities::RunController(CNfsMain* pMain)
+bool CConsoleUtilities::ParseTest(const std::string& sValue, Settings* pSettings)
 {
-    PrintVersion(pMain);
-    char cReason[REASON_SIZE] = "";
-    int iResult = EXIT_FAILURE;
-    if (pMain->Initial(cReason)) {
-        if (pMain->StartRemoteController(cReason)) {
-            RunCommands(pMain);
-            pMain->StopServer();
-            pMain->StopRemoteController();
-            iResult = EXIT_SUCCESS;
-        }
-        pMain->Terminate();
+    const std::vector<std::string> vParts = SplitIntoVector(sValue.c_str(), '=');
+    if (vParts.size() < 2) {
+        PrintText("In-valid test mode value: %s\n", sValue.c_str());
+        return false;
     }
-    if (iResult != EXIT_SUCCESS)
-        PrintText("Terminated. Reason=%s\n", cReason);
-    return iResult;
+    pSettings->bTest = true;
+    pSettings->sTestPath = vParts[0];
+    pSettings->iTestSize = strtoll(vParts[1].c_str(), nullptr, 10);
+    return true;
 }
 
-void CConsoleUtilities::PrintVersion(CNfsMain* pMain)
+// Whoever shuts a server down or asks how it is does not run one.
+void CConsoleUtilities::CompleteSettings(Settings* pSettings)
+{
+    if (pSettings->iAccessMode == -1)
+        pSettings->iAccessMode =
+            pSettings->bShutdown || pSettings->bQuery ? ACCESS_MODE_CLIENT : ACCESS_MODE_SERVER;
+    if (pSettings->bHasID)
+        return;
+    pSettings->sID = ID_CONSOLE;
+    if (pSettings->bShutdown)
+        pSettings->sID = ID_SHUTDOWN;
+    if (pSettings->bQuery)
+        pSettings->sID = ID_QUERY;
+    if (pSettings->bTest)
+        pSettings->sID = ID_TEST;
+}
+
+void CConsoleUtilities::PrintUsage(const char* pcProgram)
+{
+    PrintText("\n");
+    PrintText("Usage: %s [%s]\n", pcProgram, OPTION_HELP);
+    PrintText("       [%s]\n", OPTION_SHUTDOWN);
+    PrintText("       [%s]\n", OPTION_QUERY);
+    PrintText("       [%s <path=max_file_size>]\n", OPTION_TEST);
+    PrintText("       [%s <name>] [%s <num>] [%s <%s|%s|%s>] [%s <path>] [%s <path>]\n", OPTION_ID,
+              OPTION_LOG, OPTION_MODE, MODE_INTERNAL, MODE_SERVER, MODE_CLIENT, OPTION_LOG_FILE,
+              OPTION_PID_FILE);
+}
+
+int CConsoleUtilities::RunMode(const Settings& settings)
+{
+    if (settings.bShutdown && settings.iAccessMode != ACCESS_MODE_CLIENT) {
+        PrintText("Auto shutdown is activated, terminate now");
+        return EXIT_SUCCESS;
+    }
+    // The log file outlives the controller, whose threads may write to it until the end.
+    std::unique_ptr<CFileLogger> pFileLogger;
+    const std::unique_ptr<CNfsMain> pMain = CreateController(settings);
+    if (pMain == nullptr)
+        return EXIT_FAILURE;
+    if (!settings.sLogFile.empty())
+        pFileLogger = CreateFileLogger(settings, pMain.get());
+    char cReason[REASON_SIZE] = "";
+    if (RunController(settings, pMain.get(), pFileLogger.get(), cReason))
+        return EXIT_SUCCESS;
+    PrintText("Terminated. Reason=%s\n", cReason);
+    return EXIT_FAILURE;
+}
+
+std::unique_ptr<CNfsMain> CConsoleUtilities::CreateController(const Settings& settings)
+{
+    const char* pcID = settings.sID.c_str();
+    std::unique_ptr<CNfsMain> pMain;
+    switch (settings.iAccessMode) {
+    case ACCESS_MODE_CLIENT:
+        return std::make_unique<CNfsIpcClientMain>(pcID, settings.iLogControl);
+    case ACCESS_MODE_SERVER:
+        pMain = std::make_unique<CNfsIpcServerMain>(pcID, settings.iLogControl);
+        break;
+    case ACCESS_MODE_INTERNAL:
+        pMain = std::make_unique<CNfsMain>(pcID, settings.iLogControl);
+        break;
+    default:
+        PrintText("Un-supported access mode: %d\n", settings.iAccessMode);
+        return nullptr;
+    }
+    pMain->EnableAutoShutdown(true);
+    return pMain;
+}
+
+// Null, with the controller left as it is, if the log file cannot be opened.
+std::unique_ptr<CFileLogger> CConsoleUtilities::CreateFileLogger(const Settings& settings,
+                                                                 CNfsMain* pMain)
+{
+    auto pFileLogger = std::make_unique<CFileLogger>(settings.sLogFile.c_str());
+    if (!pFileLogger->Open(settings.iLogControl)) {
+        PrintText("Fail to create log file: %s\n", settings.sLogFile.c_str());
+        return nullptr;
+    }
+    pMain->SetFileLogger(pFileLogger.get());
+    pMain->GetUtils()->LogInfo(pMain->GetRuntimeParam(),
+                               "ID = %s, LogControl = %d, AccessMode = %d", settings.sID.c_str(),
+                               settings.iLogControl, settings.iAccessMode);
+    if (!settings.sPidFile.empty())
+        pMain->GetUtils()->LogInfo(pMain->GetRuntimeParam(), "Create pid file \"%s\"",
+                                   settings.sPidFile.c_str());
+    return pFileLogger;
+}
+
+bool CConsoleUtilities::RunController(const Settings& settings, CNfsMain* pMain,
+                                      CFileLogger* pFileLogger, char* pcReason)
 {
     char cVersion[DESCRIPTION_SIZE] = "";
     char cDescription[DESCRIPTION_SIZE] = "";
     pMain->GetVersion(cVersion);
     pMain->GetDescription(cDescription);
+    PrintVersion(cVersion, cDescription);
+    if (strcmp(cVersion, "Unknown") == 0) {
+        if (settings.bQuery) {
+            PrintText("%s %s\n", "Server Status:", "NotAccessible");
+            PrintText("%s", RULER);
+            return true;
+        }
+        FormatReason(pcReason, "Fail to get server version");
+        return false;
+    }
+
+    if (!pMain->Initial(pcReason))
+        return false;
+    const bool bStarted = pMain->StartRemoteController(pcReason);
+    if (bStarted) {
+        if (settings.bShutdown)
+            pMain->RequestAutoShutdown();
+        else if (settings.bQuery)
+            PrintStatus(pMain);
+        else if (settings.bTest)
+            pMain->RunTestMode(settings.sTestPath.c_str(), settings.iTestSize);
+        else
+            RunCommands(pMain, pFileLogger);
+        pMain->StopServer();
+        pMain->StopRemoteController();
+    }
+    pMain->Terminate();
+    return bStarted;
+}
+
+void CConsoleUtilities::PrintVersion(const char* pcVersion, const char* pcDescription)
+{
     PrintText("%s", RULER);
     PrintText("%s %s\n", "Execute Version:", LIBRARY_VERSION);
-    PrintText("%s %s\n", "Server Version:", cVersion);
-    PrintText("%s %s\n", "Server Description:", cDescription);
+    PrintText("%s %s\n", "Server Version:", pcVersion);
+    PrintText("%s %s\n", "Server Description:", pcDescription);
     PrintText("%s", RULER);
-}
-
-void CConsoleUtilities::RunCommands(CNfsMain* pMain)
-{
-    Loop loop;
-    setvbuf(stdin, nullptr, _IONBF, 0);  // so that poll knows of all that is not read yet
-    PrintText("Type '%s' to see help\n", COMMAND_HELP);
-    PrintPrompt();
-    while (!loop.bQuit) {
-        if (pMain->IsAutoShutdownRequested()) {
-            PrintText("\nExit by request");
-            return;
-        }
-        if (!IsKeyboardHit(&loop))
-            MsSleep(POLL_PAUSE);
-        else if (ProcessCommand(pMain, ReadLine(), &loop))
-            PrintPrompt();
-    }
-}
-
-// True if something was typed. It is pushed back, so that the next read finds it.
-bool CConsoleUtilities::IsKeyboardHit(Loop* pLoop)
-{
-    if (pLoop->bEndOfInput)
-        return false;
-    const CRawInput raw;
-    // Asked for rather than read without blocking: on a terminal that mode would hold for standard
-    // output too, and lines that other threads print meanwhile would be lost.
-    struct pollfd input = {STDIN_FILENO, POLLIN, 0};
-    if (poll(&input, 1, 0) != 1)
-        return false;
-    const int iKey = getchar();
-    pLoop->bEndOfInput = iKey == EOF;
-    return iKey != EOF && ungetc(iKey, stdin) != EOF;
-}
-
-void CConsoleUtilities::MsSleep(int iMilliseconds)
-{
-    Pause(iMilliseconds);
-}
-
-bool CConsoleUtilities::ProcessCommand(CNfsMain* pMain, const std::string& sLine, Loop* pLoop)
-{
-    std::string sValue;
-    if (sLine.empty())
-        return true;
-    if (sLine == COMMAND_HELP) {
-        PrintCommandHelp(*pLoop);
-        return true;
-    }
-    if (sLine == COMMAND_QUIT) {
-        PrintText("\nExit");
-        pLoop->bQuit = true;
-        return false;
-    }
-    if (TakesValue(sLine, COMMAND_LOG, &sValue)) {
-        pMain->SetLogControl(GetNumber(sValue));
-        return true;
-    }
-    if (sLine == COMMAND_STATUS) {
-        PrintText("\n");
-        PrintStatus(pMain);
-        return true;
-    }
-    if (sLine == COMMAND_DEBUG) {
-        pLoop->bExtended = true;
-        return true;
-    }
-    if (!pLoop->bExtended)
-        return ProcessUnknownCommand(sLine);
-
-    if (sLine == COMMAND_START || TakesValue(sLine, COMMAND_START_VALUE, &sValue))
-        return Start(pMain, sValue);
-    if (TakesValue(sLine, COMMAND_MOUNT, &sValue))
-        return Mount(pMain, sValue);
-    if (TakesValue(sLine, COMMAND_UMOUNT, &sValue)) {
-        pMain->RemoveMountPoint(sValue.c_str());
-        return true;
-    }
-    return ProcessUnknownCommand(sLine);
-}
-
-bool CConsoleUtilities::ProcessUnknownCommand(const std::string& sLine)
-{
-    PrintText("Unknown command: '%s'\n", sLine.c_str());
-    PrintText("Type '%s' to see help\n", COMMAND_HELP);
-    return true;
-}
-
-bool CConsoleUtilities::Start(CNfsMain* pMain, const std::string& sValue)
-{
-    int iMountPort = 0;  // the controller's defaults
-    int iNfsPort = 0;
-    if (!sValue.empty()) {
-        const std::vector<std::string> vPorts = SplitIntoVector(sValue.c_str(), '=');
-        if (vPorts.size() != 2) {
-            PrintText("Fail to start NFS. Reason=In-valid input value: %s\n", sValue.c_str());
-            return false;  // kept: no prompt behind this one
-        }
-        iMountPort = GetNumber(vPorts[0]);
-        iNfsPort = GetNumber(vPorts[1]);
-    }
-    char cReason[REASON_SIZE] = "";
-    if (pMain->IsServerRunning())
-        PrintText("NFS already running");
-    else if (pMain->StartServer(iMountPort, iNfsPort, 0, 0, false, cReason))
-        PrintText("Start NFS success");
-    else
-        PrintText("Fail to start NFS. %s\n", cReason);
-    return true;
-}
-
-bool CConsoleUtilities::Mount(CNfsMain* pMain, const std::string& sValue)
-{
-    const std::vector<std::string> vParts = SplitIntoVector(sValue.c_str(), '=');
-    char cReason[REASON_SIZE] = "";
-    // No path is a bad value too: it would publish everything.
-    if (vParts.size() != 2 || vParts[0].empty())
-        PrintText("Fail to add mount point to NFS. Reason=In-valid input value: %s\n",
-                  sValue.c_str());
-    else if (!pMain->AddMountPoint(vParts[0].c_str(), vParts[1].c_str(), cReason))
-        PrintText("Fail to add mount point to NFS. Reason=%s\n", cReason);
-    return true;
-}
-
-void CConsoleUtilities::PrintCommandHelp(const Loop& loop)
-{
-    PrintText("%s", HELP_FRAME);
-    PrintText("%s:\n", "Command");
-    PrintText("  %s: display help\n", COMMAND_HELP);
-    PrintText("  %s: quit this program\n", COMMAND_QUIT);
-    PrintText("  %s<num>: display log messages or not\n", COMMAND_LOG);
-    PrintText("  %s: show status\n", COMMAND_STATUS);
-    if (loop.bExtended) {
-        PrintText("  %s<mount_port=nfs_port]: start server\n", COMMAND_START_VALUE);
-        PrintText("  %s<path=exportName>: add mount point\n", COMMAND_MOUNT);
-        PrintText("  %s<path>: remove mount point\n", COMMAND_UMOUNT);
-    }
-    PrintText("%s", HELP_FRAME);
-}
-
-void CConsoleUtilities::PrintPrompt()
-{
-    PrintText("\n%s: ", "Command");
 }
 
 void CConsoleUtilities::PrintStatus(CNfsMain* pMain)

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "LogArgu.h"
@@ -86,9 +87,14 @@ bool CFileLogger::LogMessage(const char* pcLevel, const char* pcText)
     const CMutexLock lock(m_hMutex);
     if (m_iLogFile.Get() == -1)
         return false;
+    // What goes into a file that was removed is lost.
+    struct stat file = {};
+    if (fstat(m_iLogFile.Get(), &file) != 0 || file.st_nlink == 0)
+        return false;
     // The end rather than the position: a file opened for appending starts at position 0.
     if (lseek(m_iLogFile.Get(), 0, SEEK_END) >= m_iMaxLogSize && !Rotate())
         return false;
+    const off_t iEnd = lseek(m_iLogFile.Get(), 0, SEEK_END);
 
     const time_t iNow = time(nullptr);
     struct tm now = {};
@@ -106,9 +112,15 @@ bool CFileLogger::LogMessage(const char* pcLevel, const char* pcText)
     cLine[iLength - 1] = '\n';  // also where the text was cut
 
     LogArgu logArgu = {"FileLogger.LogMessage"};
-    return m_pUtilities->OS_FileWrite(m_pRuntimeParam.get(), &logArgu, m_iLogFile.Get(), cLine,
-                                      static_cast<unsigned int>(iLength),
-                                      nullptr) == static_cast<int>(iLength);
+    const int iWritten =
+        m_pUtilities->OS_FileWrite(m_pRuntimeParam.get(), &logArgu, m_iLogFile.Get(), cLine,
+                                   static_cast<unsigned int>(iLength), nullptr);
+    if (iWritten == static_cast<int>(iLength))
+        return true;
+    // The disk is full. The line goes elsewhere as a whole, so no piece of it stays here.
+    if (iWritten > 0 && ftruncate(m_iLogFile.Get(), iEnd) == 0)
+        lseek(m_iLogFile.Get(), iEnd, SEEK_SET);
+    return false;
 }
 
 bool CFileLogger::Rotate()

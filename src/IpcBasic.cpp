@@ -138,10 +138,10 @@ void CIpcBasic::LogError(const char* pcFormat, ...)
     m_pUtilities->LogError(m_pRuntimeParam->GetID(), cLogBuf);
 }
 
-void CIpcBasic::LogState(LogArgu* pLogArgu, const char* pcText)
+void CIpcBasic::LogState(LogArgu* pLogArgu, const char* pcFormat)
 {
     if (m_pRuntimeParam->IsLogIpcState())
-        LogInfo("[%s] %s", pLogArgu->pcName, pcText);
+        LogInfo(pcFormat, pLogArgu->pcName);
 }
 
 bool CIpcBasic::SetAddress(sockaddr_un* pAddress, const char* pcChannel, char* pcError)

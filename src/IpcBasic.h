@@ -42,8 +42,8 @@ protected:
     // Neither is owned; both outlive this object.
     CIpcBasic(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam);
 
-    // A line about a step, if such lines are wanted.
-    void LogState(LogArgu* pLogArgu, const char* pcText);
+    // A line about a step, if such lines are wanted; the label takes the place of its "%s".
+    void LogState(LogArgu* pLogArgu, const char* pcFormat);
 
     // False, with the reason, if there is no channel or its path does not fit an address.
     static bool SetAddress(sockaddr_un* pAddress, const char* pcChannel, char* pcError);

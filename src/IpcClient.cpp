@@ -21,7 +21,7 @@ bool CIpcClient::SendRequest(const char* pcChannel, char* pcError)
         LogInfo("[%s] Open channel: %s", logArgu.pcName, pcChannel);
     PrintData(&logArgu, &m_IpcDataInst.request);
 
-    LogState(&logArgu, "Open ipc client socket");
+    LogState(&logArgu, "[%s] Open ipc client socket");
     const CAutoFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (socket.Get() == -1)
         return Fail("Fail to open ipc client socket. %s", errno, pcError);
@@ -32,13 +32,13 @@ bool CIpcClient::SendRequest(const char* pcChannel, char* pcError)
 
 bool CIpcClient::Exchange(LogArgu* pLogArgu, int iSocket, const sockaddr_un& address, char* pcError)
 {
-    LogState(pLogArgu, "Connect ipc client socket");
+    LogState(pLogArgu, "[%s] Connect ipc client socket");
     while (connect(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1) {
         if (errno != EINTR)  // else the queue of the channel is full, and the wait was disturbed
             return Fail("Fail to connect ipc client socket. %s", errno, pcError);
     }
 
-    LogState(pLogArgu, "Send ipc client request");
+    LogState(pLogArgu, "[%s] Send ipc client request");
     const IpcDataBuf* pRequest = &m_IpcDataInst.request;
     ssize_t iSent = -1;
     do {
@@ -51,7 +51,7 @@ bool CIpcClient::Exchange(LogArgu* pLogArgu, int iSocket, const sockaddr_un& add
         LogError("[%s] Fail to send complete ipc client request. (Send = %d, Target = %ld)",
                  pLogArgu->pcName, static_cast<int>(iSent), pRequest->lDataLen);
 
-    LogState(pLogArgu, "Read ipc server reply");
+    LogState(pLogArgu, "[%s] Read ipc server reply");
     IpcDataBuf* pReply = &m_IpcDataInst.reply;
     ssize_t iReceived = -1;
     do {

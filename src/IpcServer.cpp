@@ -66,7 +66,7 @@ bool CIpcServer::Listen(LogArgu* pLogArgu, const sockaddr_un& address, char* pcE
         return Fail("Fail to open ipc server socket. %s", errno, pcError);
 
     unlink(address.sun_path);  // what stays in the way makes bind fail
-    LogState(pLogArgu, "Bind ipc server socket");
+    LogState(pLogArgu, "[%s] Bind ipc server socket");
     if (bind(m_IpcServerInst.iSocket, reinterpret_cast<const sockaddr*>(&address),
              sizeof(address)) != 0)
         return Fail("Fail to bind ipc server socket. %s", errno, pcError);
@@ -120,7 +120,7 @@ bool CIpcServer::ReadRequest(char* pcError)
 {
     LogArgu logArgu = {"IpcServer.ReadRequest"};
     const CMutexLock lock(m_hMutexRequest);
-    LogState(&logArgu, "Start");
+    LogState(&logArgu, "[%s] Start");
     if (!m_bOpened) {
         FormatReason(pcError, "Channel not yet opened.");
         return false;
@@ -130,11 +130,11 @@ bool CIpcServer::ReadRequest(char* pcError)
         return false;
     }
 
-    LogState(&logArgu, "Accept ipc request");
+    LogState(&logArgu, "[%s] Accept ipc request");
     CAutoFd connection;
     switch (WaitForRequest(&connection)) {
     case WAIT_CLOSED:
-        LogState(&logArgu, "Socket closed");
+        LogState(&logArgu, "[%s] Socket closed");
         return true;
     case WAIT_FAILED:
         return Fail("Fail to accept ipc request. %s", errno, pcError);
@@ -191,7 +191,7 @@ bool CIpcServer::AcceptConnections()
 
 bool CIpcServer::Serve(LogArgu* pLogArgu, int iConnection, char* pcError)
 {
-    LogState(pLogArgu, "Read ipc request");
+    LogState(pLogArgu, "[%s] Read ipc request");
     IpcDataBuf* pRequest = &m_IpcServerInst.data.request;
     ssize_t iReceived = -1;
     do {
@@ -207,7 +207,7 @@ bool CIpcServer::Serve(LogArgu* pLogArgu, int iConnection, char* pcError)
     pRequest->lDataLen = iReceived;
     ParseData(pLogArgu, &m_IpcServerInst.data);
 
-    LogState(pLogArgu, "Send ipc reply");
+    LogState(pLogArgu, "[%s] Send ipc reply");
     const IpcDataBuf* pReply = &m_IpcServerInst.data.reply;
     ssize_t iSent = -1;
     do {  // never waits: a socket has room for a message
@@ -226,7 +226,7 @@ bool CIpcServer::ReadRequest()
 {
     LogArgu logArgu = {"IpcServer.SendRequest"};  // kept: not the name of this operation
     if (m_bAutoShutdownRequested) {
-        LogState(&logArgu, "Waiting to auto shutdown");
+        LogState(&logArgu, "[%s] Waiting to auto shutdown");
         return false;
     }
     char cError[REASON_SIZE] = "";

@@ -1,8 +1,9 @@
 // The loop of line commands.
-#include <cstdio>
+#include <cerrno>
 #include <cstdlib>
 #include <poll.h>
 #include <unistd.h>
+#include <utility>
 
 #include "ConsoleUtilities.h"
 #include "FileLogger.h"
@@ -57,6 +58,28 @@ bool IsInputReady(int iTimeout)
     return poll(&input, 1, iTimeout) == 1;
 }
 
+enum KeyResult {
+    KEY_READ,
+    KEY_NONE,  // "end of input" was typed; more can follow all the same
+    KEY_END,   // nothing will ever follow
+};
+
+// Byte by byte and past the buffers of the C library, so that poll knows of all that is not read.
+KeyResult ReadKey(char* pcKey)
+{
+    ssize_t iRead = -1;
+    do {
+        iRead = read(STDIN_FILENO, pcKey, 1);
+    } while (iRead == -1 && errno == EINTR);
+    if (iRead == 1)
+        return KEY_READ;
+    if (iRead == -1)
+        return errno == EAGAIN ? KEY_NONE : KEY_END;
+    struct pollfd input = {STDIN_FILENO, 0, 0};
+    const bool bGone = poll(&input, 1, 0) == 1 && (input.revents & (POLLHUP | POLLERR)) != 0;
+    return isatty(STDIN_FILENO) == 1 && !bGone ? KEY_NONE : KEY_END;
+}
+
 }  // namespace
 
 void CConsoleUtilities::RunCommands(CNfsMain* pMain, CFileLogger* pFileLogger)
@@ -64,7 +87,6 @@ void CConsoleUtilities::RunCommands(CNfsMain* pMain, CFileLogger* pFileLogger)
     Loop loop;
     loop.pMain = pMain;
     loop.pFileLogger = pFileLogger;
-    setvbuf(stdin, nullptr, _IONBF, 0);  // so that poll knows of all that is not read yet
     PrintText("Type '%s' to see help\n", COMMAND_HELP);
     PrintPrompt();
     std::string sLine;
@@ -75,7 +97,7 @@ void CConsoleUtilities::RunCommands(CNfsMain* pMain, CFileLogger* pFileLogger)
         }
         if (!IsKeyboardHit(&loop))
             MsSleep(POLL_PAUSE);
-        else if (ReadLine(loop, &sLine) && ProcessCommand(sLine, &loop))
+        else if (ReadLine(&loop, &sLine) && ProcessCommand(sLine, &loop))
             PrintPrompt();
     }
 }
@@ -85,7 +107,7 @@ bool CConsoleUtilities::IsStopRequested(const Loop& loop)
     return loop.pMain->IsAutoShutdownRequested() || CStopSignal::IsRequested();
 }
 
-// True if something was typed. It is pushed back, so that the next read finds it.
+// True if something was typed. It is pushed back, so that the line begins with it.
 bool CConsoleUtilities::IsKeyboardHit(Loop* pLoop)
 {
     if (pLoop->bEndOfInput)
@@ -95,27 +117,37 @@ bool CConsoleUtilities::IsKeyboardHit(Loop* pLoop)
     // output too, and lines that other threads print meanwhile would be lost.
     if (!raw.IsOurs() || !IsInputReady(0))
         return false;
-    const int iKey = getchar();
-    pLoop->bEndOfInput = iKey == EOF;
-    if (raw.IsTerminal() && (iKey == '\0' || iKey == raw.GetEndKey()))
-        return false;  // "end of input", typed; more can follow all the same
-    return iKey != EOF && ungetc(iKey, stdin) != EOF;
+    char cKey = '\0';
+    const KeyResult result = ReadKey(&cKey);
+    pLoop->bEndOfInput = result == KEY_END;
+    if (result != KEY_READ || (raw.IsTerminal() && raw.IsEndKey(cKey)))
+        return false;
+    pLoop->sPushedBack = cKey;
+    return true;
 }
 
 // Reads up to the end of the line or of the input; what exceeds a path's size is dropped. False if
 // the line does not come to its end before the loop does.
-bool CConsoleUtilities::ReadLine(const Loop& loop, std::string* psLine)
+bool CConsoleUtilities::ReadLine(Loop* pLoop, std::string* psLine)
 {
-    psLine->clear();
-    for (int iNext = getchar(); iNext != '\n' && iNext != EOF; iNext = getchar()) {
-        if (psLine->length() + 1 < PATH_SIZE)
-            psLine->push_back(static_cast<char>(iNext));
+    *psLine = std::exchange(pLoop->sPushedBack, {});
+    if (*psLine == "\n") {
+        psLine->clear();
+        return true;
+    }
+    for (;;) {
         while (!IsInputReady(POLL_PAUSE)) {
-            if (IsStopRequested(loop))
+            if (IsStopRequested(*pLoop))
                 return false;
         }
+        char cKey = '\0';
+        const KeyResult result = ReadKey(&cKey);
+        pLoop->bEndOfInput = result == KEY_END;
+        if (result == KEY_END || (result == KEY_READ && cKey == '\n'))
+            return true;
+        if (result == KEY_READ && psLine->length() + 1 < PATH_SIZE)
+            psLine->push_back(cKey);
     }
-    return true;
 }
 
 void CConsoleUtilities::MsSleep(int iMilliseconds)

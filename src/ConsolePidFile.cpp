@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "AutoFd.h"
@@ -28,7 +29,8 @@ int ReadPid(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam, LogArgu* pLogA
     if (file.Get() == -1 || pUtilities->OS_FileRead(pRuntimeParam, pLogArgu, file.Get(), cText,
                                                     sizeof(cText) - 1, nullptr) <= 0)
         return 0;
-    return static_cast<int>(strtol(cText, nullptr, 10));  // ends before the end of the line
+    const long iPid = strtol(cText, nullptr, 10);  // ends before the end of the line
+    return iPid == static_cast<int>(iPid) ? static_cast<int>(iPid) : 0;
 }
 
 // Another process, that is: one that died and had the ID that is now our own left the file behind.
@@ -48,6 +50,11 @@ bool CConsoleUtilities::CreatePidFile(const char* pcPath, int iLogControl, char*
     CRuntimeParam param("", iLogControl | LOG_CONTROL_ERROR);
     LogArgu logArgu = {"ConsoleUtilities.CreatePidFile"};
     if (utilities.OS_IsFileExists(pcPath)) {
+        struct stat file = {};
+        if (stat(pcPath, &file) == 0 && !S_ISREG(file.st_mode)) {
+            FormatReason(pcReason, "Not a regular file");  // nor is it for us to remove
+            return false;
+        }
         const int iPid = ReadPid(&utilities, &param, &logArgu, pcPath);
         if (IsProcessAlive(iPid)) {
             FormatReason(pcReason, "Process ID \"%d\" is still running", iPid);

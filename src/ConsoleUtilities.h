@@ -52,6 +52,7 @@ private:
         bool bExtended = false;              // the "debug" command was given
         bool bEndOfInput = false;            // no more commands; the server keeps running
         bool bQuit = false;
+        std::string sPushedBack;  // the key that was hit, which the line begins with
     };
 
     ParseResult ParseArguments(const std::vector<std::string>& vWords, Settings* pSettings);
@@ -74,7 +75,7 @@ private:
     void RunCommands(CNfsMain* pMain, CFileLogger* pFileLogger);
     bool IsStopRequested(const Loop& loop);
     bool IsKeyboardHit(Loop* pLoop);
-    bool ReadLine(const Loop& loop, std::string* psLine);
+    bool ReadLine(Loop* pLoop, std::string* psLine);
     void MsSleep(int iMilliseconds);
 
     // Each executes one line, or one command's value. True if a prompt is due behind it.

@@ -91,8 +91,8 @@ bool CFileLogger::LogMessage(const char* pcLevel, const char* pcText)
     struct stat file = {};
     if (fstat(m_iLogFile.Get(), &file) != 0 || file.st_nlink == 0)
         return false;
-    // The end rather than the position: a file opened for appending starts at position 0.
-    if (lseek(m_iLogFile.Get(), 0, SEEK_END) >= m_iMaxLogSize && !Rotate())
+    // The size rather than the position: a file opened for appending starts at position 0.
+    if (file.st_size >= m_iMaxLogSize && !Rotate())
         return false;
     const off_t iEnd = lseek(m_iLogFile.Get(), 0, SEEK_END);
 

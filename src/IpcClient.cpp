@@ -1,10 +1,18 @@
 #include "IpcClient.h"
 
 #include <cerrno>
+#include <poll.h>
 #include <unistd.h>
 
 #include "AutoFd.h"
 #include "RuntimeParam.h"
+#include "StopSignal.h"
+
+namespace {
+
+constexpr int STOP_PAUSE = 100;  // milliseconds between two looks for a signal to stop
+
+}  // namespace
 
 CIpcClient::CIpcClient(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam)
     : CIpcBasic(pUtilities, pRuntimeParam)
@@ -53,15 +61,30 @@ bool CIpcClient::Exchange(LogArgu* pLogArgu, int iSocket, const sockaddr_un& add
 
     LogState(pLogArgu, "[%s] Read ipc server reply");
     IpcDataBuf* pReply = &m_IpcDataInst.reply;
-    ssize_t iReceived = -1;
-    do {
-        iReceived = recv(iSocket, pReply->cBuf, sizeof(pReply->cBuf), 0);
-    } while (iReceived == -1 && errno == EINTR);
+    const ssize_t iReceived = Receive(iSocket, pReply);
     if (iReceived == -1)
         return Fail("Fail to read ipc server reply. %s", errno, pcError);
     pReply->lDataLen = iReceived;
     PrintData(pLogArgu, pReply);
     return true;
+}
+
+// There is no time-out, but whoever stops this process need not wait either.
+ssize_t CIpcClient::Receive(int iSocket, IpcDataBuf* pReply)
+{
+    for (;;) {
+        struct pollfd wait = {iSocket, POLLIN, 0};
+        if (poll(&wait, 1, STOP_PAUSE) == 1) {
+            const ssize_t iReceived =
+                recv(iSocket, pReply->cBuf, sizeof(pReply->cBuf), MSG_DONTWAIT);
+            if (iReceived != -1 || (errno != EINTR && errno != EAGAIN))
+                return iReceived;
+        }
+        if (CStopSignal::IsRequested()) {
+            errno = EINTR;
+            return -1;
+        }
+    }
 }
 
 bool CIpcClient::SendRequest(const char* pcChannel)

@@ -1,10 +1,13 @@
 // The asking end of a local channel.
 #pragma once
 
+#include <sys/types.h>
+
 #include "IpcBasic.h"
 
 // One exchange: fill the request, send it, read the reply. Then the object has had its day.
-// Nothing here takes a time-out: an exchange lasts as long as the other process takes to answer.
+// Nothing here takes a time-out: an exchange lasts as long as the other process takes to answer, or
+// until a signal asks this one to stop (see CStopSignal).
 // Locking: one thread. Any number of objects may talk to one channel at once.
 class CIpcClient : public CIpcBasic {
 public:
@@ -38,6 +41,7 @@ public:
 
 private:
     bool Exchange(LogArgu* pLogArgu, int iSocket, const sockaddr_un& address, char* pcError);
+    ssize_t Receive(int iSocket, IpcDataBuf* pReply);
     bool IsReply(int iType);
     const char* GetText(int iType);
 

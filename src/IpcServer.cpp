@@ -172,19 +172,39 @@ CIpcServer::WaitResult CIpcServer::WaitForRequest(CAutoFd* pConnection)
             return WAIT_FAILED;
         }
         if (m_vConnections.size() > MAX_SILENT)
-            m_vConnections.erase(m_vConnections.begin());
+            DropSilent();
     }
+}
+
+// Turns the oldest connection away, unless it speaks after all.
+bool CIpcServer::DropSilent()
+{
+    if (m_vConnections.empty())
+        return false;
+    struct pollfd oldest = {m_vConnections.front().Get(), POLLIN, 0};
+    if (poll(&oldest, 1, 0) != 0)
+        return false;
+    m_vConnections.erase(m_vConnections.begin());
+    return true;
 }
 
 // False, with errno set, if a connection could not be taken out of the listener's queue.
 bool CIpcServer::AcceptConnections()
 {
     while (m_vConnections.size() <= MAX_SILENT) {
-        const int iConnection = accept4(m_IpcServerInst.iSocket, nullptr, nullptr, SOCK_CLOEXEC);
-        if (iConnection != -1)
-            m_vConnections.emplace_back(iConnection);
-        else if (errno != EINTR && errno != ECONNABORTED)
-            return errno == EAGAIN || errno == EWOULDBLOCK;
+        CAutoFd connection(accept4(m_IpcServerInst.iSocket, nullptr, nullptr, SOCK_CLOEXEC));
+        if (connection.Get() != -1) {
+            m_vConnections.push_back(std::move(connection));
+            continue;
+        }
+        const int iError = errno;
+        if (iError == EAGAIN || iError == EWOULDBLOCK)
+            return true;
+        const bool bShortage = iError == EMFILE || iError == ENFILE;
+        if (iError != EINTR && iError != ECONNABORTED && !(bShortage && DropSilent())) {
+            errno = iError;
+            return false;
+        }
     }
     return true;
 }
@@ -195,7 +215,8 @@ bool CIpcServer::Serve(LogArgu* pLogArgu, int iConnection, char* pcError)
     IpcDataBuf* pRequest = &m_IpcServerInst.data.request;
     ssize_t iReceived = -1;
     do {
-        iReceived = recv(iConnection, pRequest->cBuf, sizeof(pRequest->cBuf), 0);
+        // Not waiting: urgent data, say, count as something to read and then are nothing.
+        iReceived = recv(iConnection, pRequest->cBuf, sizeof(pRequest->cBuf), MSG_DONTWAIT);
     } while (iReceived == -1 && errno == EINTR);
     if (iReceived == -1)
         return Fail("Fail to read ipc request. %s", errno, pcError);

@@ -72,6 +72,7 @@ private:
         REQUIRES(m_hMutexRequest);
     WaitResult WaitForRequest(CAutoFd* pConnection) REQUIRES(m_hMutexRequest);
     bool AcceptConnections() REQUIRES(m_hMutexRequest);
+    bool DropSilent() REQUIRES(m_hMutexRequest);
     bool Serve(LogArgu* pLogArgu, int iConnection, char* pcError) REQUIRES(m_hMutexRequest);
 
     // The requests by subject. False for a type that belongs to another one.

@@ -1,6 +1,8 @@
 // What each message asks of the controller, and the reply.
 #include "IpcServer.h"
 
+#include <cstring>
+
 #include "NfsMain.h"
 #include "RuntimeParam.h"
 #include "Utilities.h"
@@ -125,6 +127,8 @@ bool CIpcServer::ProcessExportRequest(IpcDataInst* pData, int iType)
         m_pNfsHandle->AddVSphereInfo(GetField(pInfo->cDatastoreMoid), GetField(pInfo->cHost),
                                      GetField(pInfo->cPort), GetField(pInfo->cUser),
                                      GetField(pInfo->cPwd));
+        // The buffer is used again, and what a short message leaves of it could be read back.
+        memset(pInfo->cPwd, 0, sizeof(pInfo->cPwd));
         break;
     }
     case IPC_REQUEST_TYPE_REMOVE_VSPHERE_INFO:

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr int SHUTDOWN_PAUSE = 100;  // milliseconds
+constexpr int PAUSE = 100;  // milliseconds between two tries to do what fails for now
 
 }  // namespace
 
@@ -65,9 +65,10 @@ void CIpcServerThread::Run()
             m_pServer->ReadRequest();
         } catch (const std::exception&) {
             // Out of memory, for one: it costs this request, not the process.
+            m_pServer->WaitForClose(PAUSE);
         }
         if (m_pServer->IsAutoShutdownRequested())
-            m_pServer->WaitForClose(SHUTDOWN_PAUSE);  // there is nothing else left to do
+            m_pServer->WaitForClose(PAUSE);  // there is nothing else left to do
     }
     m_bActive = false;
 }

@@ -33,7 +33,10 @@ CNfsIpcClientMain::CNfsIpcClientMain(const char* pcID, int iLogControl)
     CNfsIpcClientMain::InitMemberVaribles(pcID, iLogControl);
 }
 
-CNfsIpcClientMain::~CNfsIpcClientMain() = default;
+CNfsIpcClientMain::~CNfsIpcClientMain()
+{
+    CloseRemoteController();
+}
 
 void CNfsIpcClientMain::InitMemberVaribles(const char* pcID, int iLogControl)
 {

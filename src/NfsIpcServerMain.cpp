@@ -3,6 +3,7 @@
 #include "IpcClient.h"
 #include "IpcServerThread.h"
 #include "RuntimeParam.h"
+#include "StopSignal.h"
 #include "Text.h"
 #include "Utilities.h"
 
@@ -14,8 +15,12 @@ CNfsIpcServerMain::CNfsIpcServerMain(const char* pcID, int iLogControl)
     CNfsIpcServerMain::InitMemberVaribles(pcID, iLogControl);
 }
 
-// The thread first: it uses all the rest.
 CNfsIpcServerMain::~CNfsIpcServerMain()
+{
+    CloseRemoteController();
+}
+
+void CNfsIpcServerMain::CloseRemoteController()
 {
     const CMutexLock lock(m_hMutexController);
     m_pIpcServerThread.reset();
@@ -49,6 +54,10 @@ bool CNfsIpcServerMain::StartRemoteController(char* pcReason)
     GetIpcServerThreadChannel(cChannel);
     if (IsServed(cChannel)) {
         FormatReason(pcReason, "Ipc channel is already created by others.");
+        return false;
+    }
+    if (CStopSignal::IsRequested()) {  // perhaps it was served, and did not answer
+        FormatReason(pcReason, "Stopped while waiting for the channel");
         return false;
     }
     m_pIpcServerThread = std::make_unique<CIpcServerThread>();

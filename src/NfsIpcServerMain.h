@@ -34,6 +34,9 @@ protected:
     // For derived controllers, as the base's.
     CNfsIpcServerMain();
 
+    // For destructors: the thread calls virtual operations, so it ends before any part does.
+    void CloseRemoteController();
+
     void InitMemberVaribles(const char* pcID, int iLogControl) override;
     std::unique_ptr<CUtilities> CreateUtilities() override;
 

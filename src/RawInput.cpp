@@ -5,8 +5,11 @@
 
 namespace {
 
-std::atomic<const struct termios*> s_pSettings = nullptr;  // to give back; null if there are none
-static_assert(std::atomic<const struct termios*>::is_always_lock_free);
+// What to give back, and whether there is anything: for a signal handler, which may run on any
+// thread and at any time.
+struct termios s_Settings = {};
+std::atomic<bool> s_bChanged = false;
+static_assert(std::atomic<bool>::is_always_lock_free);
 
 }  // namespace
 
@@ -14,23 +17,27 @@ CRawInput::CRawInput() : m_bTerminal(tcgetattr(STDIN_FILENO, &m_Settings) == 0)
 {
     if (!m_bTerminal)
         return;
-    m_bOurs = tcgetpgrp(STDIN_FILENO) == getpgrp();
+    const pid_t iGroup = tcgetpgrp(STDIN_FILENO);  // fails where it is not our session's terminal
+    m_bOurs = iGroup == -1 || iGroup == getpgrp();
     if (!m_bOurs)
         return;
     struct termios raw = m_Settings;
     raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-    s_pSettings = &m_Settings;
+    raw.c_cc[VMIN] = 0;  // a read of nothing comes back
+    raw.c_cc[VTIME] = 0;
+    s_Settings = m_Settings;
+    s_bChanged = true;
     tcsetattr(STDIN_FILENO, TCSANOW, &raw);
 }
 
 CRawInput::~CRawInput()
 {
     RestoreAtOnce();
-    s_pSettings = nullptr;
+    s_bChanged = false;
 }
 
 void CRawInput::RestoreAtOnce()
 {
-    if (const struct termios* pSettings = s_pSettings; pSettings != nullptr)
-        tcsetattr(STDIN_FILENO, TCSANOW, pSettings);
+    if (s_bChanged)
+        tcsetattr(STDIN_FILENO, TCSANOW, &s_Settings);
 }

@@ -18,8 +18,11 @@ public:
     bool IsOurs() const { return m_bOurs; }
     bool IsTerminal() const { return m_bTerminal; }
 
-    // The key that ends the input where lines are edited.
-    int GetEndKey() const { return m_Settings.c_cc[VEOF]; }
+    // True for the key that ends the input where lines are edited, typed then or now.
+    bool IsEndKey(char cKey) const
+    {
+        return cKey == '\0' || cKey == static_cast<char>(m_Settings.c_cc[VEOF]);
+    }
 
     // Gives the settings back if an object has them changed. For signal handlers.
     static void RestoreAtOnce();

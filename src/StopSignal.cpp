@@ -1,17 +1,32 @@
 #include "StopSignal.h"
 
+#include <atomic>
+#include <ctime>
+
 #include "RawInput.h"
 
 namespace {
 
-volatile sig_atomic_t s_bRequested = 0;
+constexpr long PATIENCE = 1;  // seconds
+
+// When the first signal came, in seconds of the system's uptime and never 0; 0 before.
+std::atomic<long> s_iRequested = 0;
+static_assert(std::atomic<long>::is_always_lock_free);
+
+long GetUptime()
+{
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long>(now.tv_sec) + 1;
+}
 
 void Request(int iSignal)
 {
-    if (s_bRequested == 0) {
-        s_bRequested = 1;
+    long iFirst = 0;
+    if (s_iRequested.compare_exchange_strong(iFirst, GetUptime()))
         return;
-    }
+    if ((iSignal != SIGINT && iSignal != SIGQUIT) || GetUptime() - iFirst <= PATIENCE)
+        return;
     CRawInput::RestoreAtOnce();
     signal(iSignal, SIG_DFL);
     raise(iSignal);
@@ -21,7 +36,7 @@ void Request(int iSignal)
 
 CStopSignal::CStopSignal()
 {
-    s_bRequested = 0;
+    s_iRequested = 0;
     struct sigaction action = {};
     action.sa_handler = Request;
     sigemptyset(&action.sa_mask);
@@ -40,5 +55,5 @@ CStopSignal::~CStopSignal()
 
 bool CStopSignal::IsRequested()
 {
-    return s_bRequested != 0;
+    return s_iRequested != 0;
 }

@@ -5,9 +5,10 @@
 #include <csignal>
 
 // While it exists, SIGHUP, SIGINT, SIGQUIT and SIGTERM only set a flag, so that whoever polls it
-// can stop in good order; one that was ignored before stays ignored. A second signal does what it
-// does to any process, in case the good order hangs. Locking: one object at a time; the flag may be
-// asked from any thread.
+// can stop in good order; one that was ignored before stays ignored. They may come several at once,
+// as they do when a terminal closes. Who types SIGINT or SIGQUIT again, a second later or more,
+// does not want to wait for the good order: then it does what it does to any process. Locking: one
+// object at a time; the flag may be asked from any thread.
 class CStopSignal {
 public:
     CStopSignal();

@@ -416,6 +416,7 @@ private:
                                const char* pcPathTo, bool bFolder);
     int CountRedirectedFilesBeside(const char* pcPath);
     bool DropRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    void DropRedirectedFiles(CRuntimeParam* pRuntimeParam);
     std::vector<std::string> GetRedirectedFilePaths();
 
     std::atomic<CCallback*> m_pCallback = nullptr;      // not owned

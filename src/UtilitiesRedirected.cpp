@@ -96,10 +96,16 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const cha
 
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam)
 {
+    DropRedirectedFiles(pRuntimeParam);  // an export in hand ends with its next piece
     const CMutexLock lock(m_hMutexRedirectedFiles);
+    DropRedirectedFiles(pRuntimeParam);  // what the operation in hand has opened
+}
+
+void CUtilities::DropRedirectedFiles(CRuntimeParam* pRuntimeParam)
+{
     std::map<std::string, std::shared_ptr<CRedirectedFile>, std::less<>> closed;
     {
-        const CMutexLock lockTable(m_hMutexRedirectedTable);
+        const CMutexLock lock(m_hMutexRedirectedTable);
         closed.swap(m_mRedirectedFiles);
     }
     for (const auto& [sPath, pFile] : closed)

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "AutoFd.h"
+#include "Pause.h"
 #include "RuntimeParam.h"
 #include "StopSignal.h"
 
@@ -74,7 +75,10 @@ ssize_t CIpcClient::Receive(int iSocket, IpcDataBuf* pReply)
 {
     for (;;) {
         struct pollfd wait = {iSocket, POLLIN, 0};
-        if (poll(&wait, 1, STOP_PAUSE) == 1) {
+        const int iReady = poll(&wait, 1, STOP_PAUSE);
+        if (iReady == -1)
+            Pause(STOP_PAUSE);  // out of memory, or a signal
+        if (iReady == 1) {
             const ssize_t iReceived =
                 recv(iSocket, pReply->cBuf, sizeof(pReply->cBuf), MSG_DONTWAIT);
             if (iReceived != -1 || (errno != EINTR && errno != EAGAIN))

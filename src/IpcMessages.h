@@ -299,7 +299,8 @@ template <typename Record>
 Record* AsRecord(IpcDataBuf* pData)
 {
     static_assert(std::is_trivially_copyable_v<Record> && std::is_standard_layout_v<Record>);
-    static_assert(sizeof(Record) <= IPC_MESSAGE_SIZE && alignof(Record) <= 8);
+    static_assert(sizeof(Record) <= sizeof(pData->cBuf));
+    static_assert(alignof(Record) <= alignof(IpcDataBuf));
     return reinterpret_cast<Record*>(pData->cBuf);
 }
 

@@ -1,177 +1,31 @@
 // The console program from outside: what it prints, what it serves, how it ends.
 #include <csignal>
-#include <fstream>
-#include <memory>
-#include <sched.h>
+#include <fcntl.h>
+#include <filesystem>
 #include <sys/resource.h>
-#include <termios.h>
 
 #include <gtest/gtest.h>
 
-#include "ChildProcess.h"
+#include "ConsoleFixture.h"
 #include "Ports.h"
-#include "TestEnvironment.h"
-#include "WireClient.h"
 
 namespace {
 
-using Words = std::vector<std::string>;
-
-constexpr char PROMPT[] = "\nCommand: ";
-constexpr char RULER[] = "------------------------------------\n";
-
-const std::string VERSION_BLOCK = std::string(RULER) + "Execute Version: 1.2\n" +
-                                  "Server Version: 1.2\n" +
-                                  "Server Description: Internal NFS Server\n" + RULER;
-const std::string GREETING = VERSION_BLOCK + "Type 'help' to see help\n";
-
+const std::string HELP_FRAME = "==========================\n";
 const std::string BASIC_HELP = "  help: display help\n"
                                "  quit: quit this program\n"
                                "  log <num>: display log messages or not\n"
                                "  status: show status\n";
-
-Words Command(const Words& vArguments)
-{
-    Words vCommand = {CONSOLE_PROGRAM};
-    vCommand.insert(vCommand.end(), vArguments.begin(), vArguments.end());
-    return vCommand;
-}
-
-// The console over pipes, at its first prompt.
-class CConsole : public CChildProcess {
-public:
-    explicit CConsole(const Words& vArguments = {"-md", "int"}) : CChildProcess(Command(vArguments))
-    {
-        m_sGreeting = ReadToPrompt();
-    }
-
-    // What it wrote before the first prompt.
-    const std::string& Greeting() const { return m_sGreeting; }
-
-    // Everything up to the next prompt, which is left out.
-    std::string ReadToPrompt()
-    {
-        std::string sText = ReadUntil(PROMPT);
-        if (sText.ends_with(PROMPT))
-            sText.resize(sText.size() - (sizeof(PROMPT) - 1));
-        return sText;
-    }
-
-    // Enters a line and yields what stands between it and the next prompt.
-    std::string Type(const std::string& sLine)
-    {
-        Write(sLine + "\n");
-        return ReadToPrompt();
-    }
-
-    // Enters all lines in one go, so that the program need not rest in between; each leaves a
-    // prompt to be read.
-    void Enter(const Words& vLines)
-    {
-        std::string sText;
-        for (const std::string& sLine : vLines)
-            sText += sLine + "\n";
-        Write(sText);
-    }
-
-    void ExpectQuit()
-    {
-        Write("quit\n");
-        EXPECT_EQ(ReadToEnd(), "\nExit");
-        EXPECT_EQ(WaitForExit(), 0);
-    }
-
-    // Waits until the program has looked for input some times and gone to rest again.
-    void WaitForRounds()
-    {
-        const long iStart = CountRests();
-        long iNow = iStart;
-        while (iNow != -1 && iNow < iStart + 5) {
-            sched_yield();
-            iNow = CountRests();
-        }
-    }
-
-private:
-    // How often its only thread has waited so far; waits are the only thing it does when idle.
-    long CountRests() const
-    {
-        std::ifstream status("/proc/" + std::to_string(Pid()) + "/status");
-        std::string sLine;
-        while (std::getline(status, sLine)) {
-            if (sLine.starts_with("State:") && sLine.find('Z') != std::string::npos)
-                break;
-            if (sLine.starts_with("voluntary_ctxt_switches:"))
-                return std::stol(sLine.substr(sLine.find(':') + 1));
-        }
-        ADD_FAILURE() << "The program has ended";
-        return -1;
-    }
-
-    std::string m_sGreeting;
-};
-
-// What the program prints, and ends with, without a word from us.
-struct Outcome {
-    int iStatus;
-    std::string sOutput;
-    bool operator==(const Outcome&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& out, const Outcome& outcome)
-{
-    return out << outcome.iStatus << ": " << outcome.sOutput;
-}
-
-Outcome RunWith(const Words& vArguments)
-{
-    CChildProcess console(Command(vArguments));
-    const std::string sOutput = console.ReadToEnd();
-    return {console.WaitForExit(), sOutput};
-}
-
-std::string Unknown(const std::string& sLine)
-{
-    return "Unknown command: '" + sLine + "'\nType 'help' to see help\n";
-}
-
-// The status of a server with so many exports, listed.
-std::string Status(bool bStarted, const Words& vMounts = {})
-{
-    std::string sText = std::string("\nServer Status: ") + (bStarted ? "Started" : "Stopped") +
-                        "\n" + RULER + "Number of Mount Point: " + std::to_string(vMounts.size()) +
-                        "\n";
-    for (size_t i = 0; i < vMounts.size(); i++)
-        sText += " mount" + std::to_string(i + 1) + " - " + vMounts[i] + "\n";
-    return sText + RULER + "Number of Session: 0\n" + RULER +
-           "Number of mounted NFS datastore: 0\n" + RULER;
-}
-
-RpcCall NullCall(uint32_t iProg)
-{
-    RpcCall call;
-    call.iProg = iProg;
-    call.iVers = 3;
-    return call;
-}
-
-bool IsServed(uint32_t iProg, int iPort)
-{
-    return CallOnce(iPort, NullCall(iProg)).IsSuccess(1);
-}
-
-CReply Mount(const char* pcName)
-{
-    RpcCall call = NullCall(WIRE_MOUNT_PROG);
-    call.iProc = 1;
-    call.sArguments = CXdr().String(pcName).Bytes();
-    return CallOnce(WIRE_MOUNT_PORT, call);
-}
-
-uint32_t MountStatus(const char* pcName)
-{
-    return Mount(pcName).Word();
-}
+const std::string EXTENDED_HELP =
+    "  start <mount_port=nfs_port]: start server\n"
+    "  mount <path=exportName>: add mount point\n"
+    "  umount <path>: remove mount point\n"
+    "  test <dirPath=fileSizeInByte>: run platform test on target file\n"
+    "  logfilesize <size>: set max log file size\n"
+    "  print <message>: print message to log\n"
+    "  debugaction <num>: turn on/off debug action control in KVR\n"
+    "  addvsphereinfo <datastore MOID> <host> <port> <user> <password>: add VSphere info\n"
+    "  removevsphereinfo <datastore MOID>: remove VSphere info\n";
 
 CReply CallNfs(uint32_t iProc, const CXdr& arguments)
 {
@@ -199,98 +53,18 @@ uint32_t WriteStatus(const std::string& sFile, uint64_t iOffset)
 
 }  // namespace
 
-// ---- Options ----
-
-TEST(Console, BadMode_NamesTheOptionAndFails)
-{
-    EXPECT_EQ(RunWith({"-md", "xyz"}), (Outcome{1, "Un-supported mode: -md\n"}));
-    EXPECT_EQ(RunWith({"-id", "a", "-md", ""}), (Outcome{1, "Un-supported mode: -md\n"}));
-}
-
-TEST(Console, ModesThatAreNotThereYet_Fail)
-{
-    EXPECT_EQ(RunWith({"-md", "svr"}), (Outcome{1, "Un-supported access mode: 1\n"}));
-    EXPECT_EQ(RunWith({"-md", "cli"}), (Outcome{1, "Un-supported access mode: 2\n"}));
-}
-
-TEST(Console, NoMode_IsTheServerProcess)
-{
-    const Outcome server = {1, "Un-supported access mode: 1\n"};
-    EXPECT_EQ(RunWith({}), server);
-    EXPECT_EQ(RunWith({"-id", "a"}), server);
-    EXPECT_EQ(RunWith({"-md"}), server) << "An option without its value ends the scan";
-    EXPECT_EQ(RunWith({"-what", "-md", "int"}), server) << "The unknown option takes the next word";
-}
-
-TEST(Console, EmptyID_EndsWithTheReason)
-{
-    EXPECT_EQ(RunWith({"-md", "int", "-id", ""}),
-              (Outcome{1, VERSION_BLOCK + "Terminated. Reason=ID is not defined\n"}));
-}
-
-TEST(Console, ArgumentsBeyondTheBuffer_AreRefused)
-{
-    EXPECT_EQ(RunWith({"-id", std::string(4096, 'x'), "-md", "int"}),
-              (Outcome{1, "Too many arguments\n"}));
-}
-
-TEST(Console, Arguments_FillTheBufferToItsLastByte)
-{
-    // With a newline behind each of the four words.
-    const std::string sId(4095 - std::string("-md\nint\n-id\n\n").length(), 'x');
-    CConsole console({"-md", "int", "-id", sId});
-    EXPECT_EQ(console.Greeting(), GREETING);
-    console.ExpectQuit();
-    EXPECT_EQ(RunWith({"-md", "int", "-id", sId + "x"}), (Outcome{1, "Too many arguments\n"}));
-}
-
-TEST(Console, InternalMode_PrintsVersionsAndTheFirstPrompt)
-{
-    CConsole console;
-    EXPECT_EQ(console.Greeting(), GREETING);
-    console.ExpectQuit();
-}
-
-TEST(Console, UnknownOption_SwallowsAWord)
-{
-    CConsole console({"-what", "-md", "-md", "int", "-last"});
-    EXPECT_EQ(console.Greeting(), GREETING);
-    console.ExpectQuit();
-}
-
-TEST(Console, IdAndLog_AppearInTheFirstAndLastLines)
-{
-    CConsole console({"-id", "me", "-log", "2", "-md", "int"});
-    EXPECT_EQ(console.Greeting(),
-              VERSION_BLOCK +
-                  "[info] (me) [NfsMain.StartRemoteController] No remote controller to start. It "
-                  "is NOT support in internal server mode.\nType 'help' to see help\n");
-    console.Write("quit\n");
-    EXPECT_EQ(console.ReadToEnd(),
-              "\nExit[info] (me) [NfsMain.StopRemoteController] No remote controller to stop. It "
-              "is NOT support in internal server mode.\n");
-    EXPECT_EQ(console.WaitForExit(), 0);
-}
-
-TEST(Console, Id_DefaultsToItsOwn)
-{
-    CConsole console({"-log", "2", "-md", "int", "-id"});
-    EXPECT_NE(console.Greeting().find("[info] (cRun) "), std::string::npos);
-}
-
 // ---- Basic commands ----
 
 TEST(Console, Help_ListsWhatWorksBeforeAndAfterDebug)
 {
-    const std::string sFrame = "==========================\n";
     CConsole console;
-    EXPECT_EQ(console.Type("help"), sFrame + "Command:\n" + BASIC_HELP + sFrame);
+    EXPECT_EQ(console.Type("help"), HELP_FRAME + "Command:\n" + BASIC_HELP + HELP_FRAME);
     EXPECT_EQ(console.Type("debug"), "");
-    EXPECT_EQ(console.Type("help"), sFrame + "Command:\n" + BASIC_HELP +
-                                        "  start <mount_port=nfs_port]: start server\n"
-                                        "  mount <path=exportName>: add mount point\n"
-                                        "  umount <path>: remove mount point\n" +
-                                        sFrame);
+    EXPECT_EQ(console.Type("help"),
+              HELP_FRAME + "Command:\n" + BASIC_HELP + EXTENDED_HELP + HELP_FRAME);
+    EXPECT_EQ(console.Type("debug"), "");
+    EXPECT_EQ(console.Type("help"),
+              HELP_FRAME + "Command:\n" + BASIC_HELP + EXTENDED_HELP + HELP_FRAME);
     console.ExpectQuit();
 }
 
@@ -312,7 +86,18 @@ TEST(Console, UnknownCommand_PointsToHelp)
 
 TEST(Console, ExtendedCommands_BeforeDebug_AreUnknown)
 {
-    const Words vLines = {"start", "start 1=2", "mount /tmp", "mount /tmp=vm1", "umount /tmp"};
+    const Words vLines = {"start",
+                          "start 1=2",
+                          "mount /tmp",
+                          "mount /tmp=vm1",
+                          "umount /tmp",
+                          "test /tmp=1",
+                          "test x",
+                          "logfilesize 1",
+                          "print x",
+                          "debugaction 1",
+                          "addvsphereinfo a b c d e",
+                          "removevsphereinfo a"};
     CConsole console;
     console.Enter(vLines);
     for (const std::string& sLine : vLines)
@@ -322,7 +107,26 @@ TEST(Console, ExtendedCommands_BeforeDebug_AreUnknown)
 
 TEST(Console, ExtendedCommands_WithoutTheirValue_AreUnknown)
 {
-    const Words vLines = {"mount", "mount ", "umount", "umount ", "start ", "starting"};
+    const Words vLines = {"mount",
+                          "mount ",
+                          "umount",
+                          "umount ",
+                          "start ",
+                          "starting",
+                          "test",
+                          "test ",
+                          "logfilesize",
+                          "logfilesize ",
+                          "print",
+                          "print ",
+                          "debugaction",
+                          "debugaction ",
+                          "addvsphereinfo",
+                          "addvsphereinfo ",
+                          "removevsphereinfo",
+                          "removevsphereinfo ",
+                          "Debug",
+                          "debug "};
     CConsole console;
     console.Type("debug");
     console.Enter(vLines);
@@ -561,8 +365,8 @@ TEST(Console, EndOfInput_KeepsTheServerRunning)
     console.WaitForRounds();
     EXPECT_TRUE(IsServed(WIRE_NFS_PROG, WIRE_NFS_PORT));
     console.Signal(SIGTERM);
-    EXPECT_EQ(console.ReadToEnd(), "");
-    EXPECT_EQ(console.WaitForExit(), -SIGTERM);
+    console.ExpectEnd();
+    ExpectPortFree(WIRE_NFS_PORT);
 }
 
 TEST(Console, NoInputAtAll_RunsUntilItIsStopped)
@@ -571,7 +375,7 @@ TEST(Console, NoInputAtAll_RunsUntilItIsStopped)
     console.CloseInput();
     console.WaitForRounds();
     console.Signal(SIGTERM);
-    EXPECT_EQ(console.WaitForExit(), -SIGTERM);
+    console.ExpectEnd();
 }
 
 TEST(Console, Quit_WithClientsConnected_Ends)
@@ -583,49 +387,4 @@ TEST(Console, Quit_WithClientsConnected_Ends)
     EXPECT_TRUE(client.Call(NullCall(WIRE_NFS_PROG)).IsReceived());
     console.ExpectQuit();
     EXPECT_TRUE(client.IsClosedByServer());
-}
-
-// ---- At a terminal ----
-
-namespace {
-
-struct TerminalState {
-    explicit TerminalState(int iTerminal)
-    {
-        struct termios settings = {};
-        EXPECT_EQ(tcgetattr(iTerminal, &settings), 0);
-        iLocalFlags = settings.c_lflag;
-        iInputFlags = settings.c_iflag;
-        iOutputFlags = settings.c_oflag;
-        iMinimum = settings.c_cc[VMIN];
-        iFileFlags = fcntl(iTerminal, F_GETFL);
-    }
-    bool operator==(const TerminalState&) const = default;
-
-    tcflag_t iLocalFlags;
-    tcflag_t iInputFlags;
-    tcflag_t iOutputFlags;
-    cc_t iMinimum;
-    int iFileFlags;
-};
-
-}  // namespace
-
-TEST(ConsoleTerminal, TypedCommands_WorkAndSettingsComeBack)
-{
-    CChildProcess console(Command({"-md", "int"}), Channel::TERMINAL);
-    const TerminalState before(console.Terminal());
-    EXPECT_NE(before.iLocalFlags & (ICANON | ECHO), 0U);
-    console.ReadUntil("Command: ");
-    console.Write("status\n");
-    console.ReadUntil("Server Status: Stopped");
-    console.ReadUntil("Command: ");
-    for (const char cKey : std::string("debug\nstart\n"))
-        console.Write(std::string(1, cKey));
-    console.ReadUntil("Start NFS success");
-    EXPECT_TRUE(IsServed(WIRE_NFS_PROG, WIRE_NFS_PORT));
-    console.Write("quit\n");
-    console.ReadUntil("Exit");
-    EXPECT_EQ(console.WaitForExit(), 0);
-    EXPECT_EQ(TerminalState(console.Terminal()), before);
 }

@@ -5,16 +5,21 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <regex>
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "RuntimeParam.h"
+#include "SmallDisk.h"
 #include "TestEnvironment.h"
+#include "Utilities.h"
 
 namespace {
 
@@ -70,6 +75,27 @@ protected:
 
     const CScratchFolder m_folder;
     CFileLogger m_logger{GetLog().c_str()};
+};
+
+// The logger as servers have it: behind the facade, which prints what the logger does not take.
+class FileLoggerBehindFacade : public FileLogger {
+protected:
+    FileLoggerBehindFacade() { m_utilities.SetFileLogger(&m_logger); }
+
+    // Logs one line and yields what was printed.
+    std::string Log(const std::string& sText, CFileLogger* pLogger = nullptr)
+    {
+        if (pLogger != nullptr)
+            m_utilities.SetFileLogger(pLogger);
+        testing::internal::CaptureStdout();
+        m_utilities.LogInfo(&m_param, "%s", sText.c_str());
+        return testing::internal::GetCapturedStdout();
+    }
+
+    static std::string Printed(const std::string& sText) { return "[info] (me) " + sText + "\n"; }
+
+    CUtilities m_utilities;
+    CRuntimeParam m_param{"me", 0};
 };
 
 // Lets no descriptor be opened for its lifetime; open ones go on.
@@ -146,6 +172,44 @@ TEST_F(FileLogger, Open_Impossible_SaysWhyAndFails)
               std::string::npos)
         << sOutput;
     EXPECT_FALSE(logger.LogInfo("x"));
+}
+
+TEST_F(FileLogger, Open_Folder_SaysWhyAndFails)
+{
+    const std::string& sPath = m_folder.Path();
+    CFileLogger logger(sPath.c_str());
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(logger.Open(0));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[erro] () [FileLogger.Open] OS open file \"" + sPath +
+                  "\". Error=Is a directory (21)\n[erro] () Fail to create log file \"" + sPath +
+                  "\". Reason=Is a directory (21)\n");
+    EXPECT_FALSE(logger.LogInfo("x"));
+}
+
+TEST_F(FileLogger, Open_FolderThatCannotBeCreated_SaysWhyAndFails)
+{
+    CFileLogger logger("/proc/none/log");
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(logger.Open(0));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[erro] () [FileLogger.Open] OS create folder \"/proc/none\" (mode = 493). Error=No "
+              "such file or directory (2)\n[erro] () Fail to create log file "
+              "\"/proc/none/log\". Reason=No such file or directory (2)\n");
+    EXPECT_FALSE(std::filesystem::exists("/proc/none"));
+}
+
+TEST_F(FileLogger, Open_AfterAFailure_CanSucceed)
+{
+    m_folder.Write("file", "");
+    CFileLogger logger(m_folder.Path("file/log").c_str());
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(logger.Open(0));
+    EXPECT_NE(testing::internal::GetCapturedStdout(), "");
+    EXPECT_TRUE(std::filesystem::remove(m_folder.Path("file")));
+    EXPECT_TRUE(logger.Open(0));
+    EXPECT_TRUE(logger.LogInfo("x"));
+    EXPECT_EQ(ReadTexts(m_folder.Path("file/log")), "[info] x\n");
 }
 
 TEST_F(FileLogger, Open_GivenBits_WidensItsOwnLinesOnlyMeanwhile)
@@ -230,18 +294,30 @@ TEST_F(FileLogger, PercentInText_IsNotAFormat)
     EXPECT_EQ(ReadTexts(GetLog()), "[info] 100%s%n\n 100%s%n\n");
 }
 
-TEST_F(FileLogger, LineOf4096Bytes_IsWhole)
+TEST_F(FileLogger, LineOfUpTo4096Bytes_IsWhole)
 {
     ASSERT_TRUE(m_logger.Open(0));
-    const std::string sText = GetTextForLine(4096);
-    EXPECT_TRUE(m_logger.LogInfo(sText.c_str()));
-    EXPECT_EQ(ReadTexts(GetLog()), "[info] " + sText + "\n");
+    std::string sExpected;
+    for (const size_t iLength : {4095U, 4096U}) {
+        const std::string sText = GetTextForLine(iLength);
+        EXPECT_TRUE(m_logger.LogInfo(sText.c_str()));
+        sExpected += "[info] " + sText + "\n";
+    }
+    EXPECT_EQ(ReadTexts(GetLog()), sExpected);
+    EXPECT_EQ(ReadWholeFile(GetLog()).length(), 4095U + 4096U);
+}
+
+TEST_F(FileLogger, LineOneByteLonger_LosesItsLast)
+{
+    ASSERT_TRUE(m_logger.Open(0));
+    EXPECT_TRUE(m_logger.LogInfo((GetTextForLine(4096) + "y").c_str()));
+    EXPECT_EQ(ReadTexts(GetLog()), "[info] " + GetTextForLine(4096) + "\n");
 }
 
 TEST_F(FileLogger, LongerLine_IsCutAt4096BytesAndStillEnds)
 {
     ASSERT_TRUE(m_logger.Open(0));
-    EXPECT_TRUE(m_logger.LogInfo(std::string(10000, 'x').c_str()));
+    EXPECT_TRUE(m_logger.LogInfo(GetTextForLine(5000).c_str()));
     EXPECT_TRUE(m_logger.LogRaw(std::string(10000, 'y').c_str()));
     const std::string sFile = ReadWholeFile(GetLog());
     EXPECT_EQ(sFile.length(), 2 * 4096U);
@@ -348,20 +424,24 @@ TEST_F(FileLogger, Rotation_KeepsOneDescriptor)
 
 TEST_F(FileLogger, Rotation_CannotMove_FailsUntilOpenedAgain)
 {
+    const size_t iBefore = CountDescriptors();
     m_logger.SetMaxLogSize(1);
     ASSERT_TRUE(m_logger.Open(0));
     ASSERT_TRUE(m_logger.LogInfo("a"));
-    std::filesystem::remove(GetLog());  // so that there is nothing to move
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(m_logger.LogInfo("b"));
-    const std::string sOutput = testing::internal::GetCapturedStdout();
-    EXPECT_NE(sOutput.find("OS rename file from \"" + GetLog() + "\" to \"" + GetLog(1) +
-                           "\". Error=No such file or directory (2)\n"),
-              std::string::npos)
-        << sOutput;
+    {
+        const CHeldFile held(GetLog());
+        testing::internal::CaptureStdout();
+        EXPECT_FALSE(m_logger.LogInfo("b"));
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "[erro] () [FileLogger.Rotate] OS rename file from \"" + GetLog() + "\" to \"" +
+                      GetLog(1) + "\". Error=Device or resource busy (16)\n");
+    }
+    EXPECT_EQ(CountDescriptors(), iBefore);
     EXPECT_FALSE(m_logger.LogInfo("c"));
+    EXPECT_EQ(ReadTexts(GetLog()), "[info] a\n");
     ASSERT_TRUE(m_logger.Open(0));
     EXPECT_TRUE(m_logger.LogInfo("d"));
+    EXPECT_EQ(ReadTexts(GetLog(2)), "[info] a\n") << "The number that was tried is not tried again";
     EXPECT_EQ(ReadTexts(GetLog()), "[info] d\n");
 }
 
@@ -438,9 +518,9 @@ TEST_F(FileLogger, FailedWrite_IsFalse)
 
 TEST_F(FileLogger, ManyThreadsAndRotations_TearAndLoseNoLine)
 {
-    constexpr int THREADS = 4;
-    constexpr int LINES = 100;
-    m_logger.SetMaxLogSize(2000);
+    constexpr int THREADS = 10;
+    constexpr int LINES = 2000;
+    m_logger.SetMaxLogSize(5000);
     ASSERT_TRUE(m_logger.Open(0));
     std::vector<std::thread> vThreads;
     for (int i = 0; i < THREADS; i++)
@@ -456,13 +536,124 @@ TEST_F(FileLogger, ManyThreadsAndRotations_TearAndLoseNoLine)
     for (; std::filesystem::exists(GetLog(iFiles)); iFiles++)
         sTexts += ReadTexts(GetLog(iFiles));
     sTexts += ReadTexts(GetLog());
-    EXPECT_GT(iFiles, 3);
-    EXPECT_EQ(std::count(sTexts.begin(), sTexts.end(), '\n'), THREADS * LINES);
-    for (int i = 0; i < THREADS; i++) {
-        size_t iPosition = 0;  // the lines of a thread stand in their order
-        for (int j = 0; j < LINES && iPosition != std::string::npos; j++)
-            iPosition =
-                sTexts.find(" " + std::to_string(i) + "." + std::to_string(j) + "\n", iPosition);
-        EXPECT_NE(iPosition, std::string::npos) << i;
+    EXPECT_GT(iFiles, 50);
+    // The lines of a thread stand in their order, and nothing else does.
+    std::vector<int> vNext(THREADS, 0);
+    std::istringstream lines(sTexts);
+    for (std::string sLine; std::getline(lines, sLine);) {
+        const auto iThread = static_cast<size_t>(sLine.at(1) - '0');
+        ASSERT_LT(iThread, vNext.size()) << sLine;
+        ASSERT_EQ(sLine, " " + std::to_string(iThread) + "." + std::to_string(vNext[iThread]++));
     }
+    EXPECT_EQ(vNext, std::vector<int>(THREADS, LINES));
+}
+
+// ---- What the file does not take ----
+
+TEST_F(FileLoggerBehindFacade, NotOpen_LinesArePrinted)
+{
+    EXPECT_EQ(Log("x"), Printed("x"));
+    testing::internal::CaptureStdout();
+    m_utilities.LogError(&m_param, "y");
+    m_utilities.LogRaw(&m_param, "z");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "[erro] (me) y\nz\n");
+}
+
+TEST_F(FileLoggerBehindFacade, Open_NothingIsPrinted)
+{
+    ASSERT_TRUE(m_logger.Open(0));
+    EXPECT_EQ(Log("x"), "");
+    testing::internal::CaptureStdout();
+    m_utilities.LogError(&m_param, "y");
+    m_utilities.LogRaw(&m_param, "z");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(ReadTexts(GetLog()), "[info] x\n[error] y\n z\n");
+}
+
+// Each line is in the file or on the screen, and whole; that the file could not be written to may
+// stand on the screen too.
+TEST_F(FileLoggerBehindFacade, FullDisk_PrintsWholeLinesUntilThereIsRoom)
+{
+    CSmallDisk disk;
+    CFileLogger logger(disk.Path("log").c_str());
+    ASSERT_TRUE(logger.Open(0));
+    EXPECT_EQ(Log("first", &logger), "");
+    disk.Fill();
+
+    const std::string sLong(100, 'x');
+    std::string sWritten = "[info] first\n";
+    int iPrinted = 0;
+    for (int i = 0; i < 100; i++) {
+        const std::string sText = std::to_string(i) + sLong;
+        const std::string sOutput = Log(sText);
+        if (sOutput.empty())
+            sWritten += "[info] " + sText + "\n";
+        else
+            iPrinted += sOutput.ends_with(Printed(sText)) ? 1 : -1000;
+    }
+    EXPECT_GT(iPrinted, 0);
+    EXPECT_LT(iPrinted, 100) << "Some still fit behind the first";
+    EXPECT_EQ(ReadTexts(disk.Path("log")), sWritten);
+
+    disk.Free();
+    EXPECT_EQ(Log("last"), "");
+    EXPECT_EQ(ReadTexts(disk.Path("log")), sWritten + "[info] last\n");
+    m_utilities.SetFileLogger(nullptr);
+}
+
+// A file that was there before is written to at its end by the system itself.
+TEST_F(FileLoggerBehindFacade, FullDisk_WithAFileThatIsContinued)
+{
+    CSmallDisk disk;
+    std::ofstream(disk.Path("log")) << std::string(4000, 'z') << "\n";
+    CFileLogger logger(disk.Path("log").c_str());
+    ASSERT_TRUE(logger.Open(0));
+    disk.Fill();
+    const std::string sText(200, 'x');  // its first bytes fit
+    EXPECT_EQ(Log(sText, &logger), Printed(sText));
+    EXPECT_EQ(ReadWholeFile(disk.Path("log")), std::string(4000, 'z') + "\n");
+    EXPECT_EQ(Log("short"), "");
+    disk.Free();
+    EXPECT_EQ(Log("last"), "");
+    EXPECT_TRUE(ReadWholeFile(disk.Path("log")).starts_with(std::string(4000, 'z') + "\n["));
+    m_utilities.SetFileLogger(nullptr);
+}
+
+TEST_F(FileLoggerBehindFacade, FileRemoved_LinesArePrinted)
+{
+    ASSERT_TRUE(m_logger.Open(0));
+    EXPECT_EQ(Log("a"), "");
+    EXPECT_TRUE(std::filesystem::remove(GetLog()));
+    EXPECT_EQ(Log("b"), Printed("b"));
+    EXPECT_EQ(Log("c"), Printed("c"));
+    EXPECT_FALSE(std::filesystem::exists(GetLog()));
+    m_logger.Close();
+    ASSERT_TRUE(m_logger.Open(0));
+    EXPECT_EQ(Log("d"), "");
+    EXPECT_EQ(ReadTexts(GetLog()), "[info] d\n");
+}
+
+TEST_F(FileLoggerBehindFacade, FolderRemoved_LinesArePrinted)
+{
+    const std::string sFolder = m_folder.Path("logs");
+    CFileLogger logger((sFolder + "/log").c_str());
+    logger.SetMaxLogSize(1);
+    ASSERT_TRUE(logger.Open(0));
+    EXPECT_EQ(Log("a", &logger), "");
+    std::filesystem::remove_all(sFolder);
+    EXPECT_EQ(Log("b"), Printed("b"));
+    EXPECT_EQ(Log("c"), Printed("c"));
+    EXPECT_FALSE(std::filesystem::exists(sFolder));
+    m_utilities.SetFileLogger(nullptr);
+}
+
+TEST_F(FileLoggerBehindFacade, RotationThatFails_PrintsTheLine)
+{
+    m_logger.SetMaxLogSize(1);
+    ASSERT_TRUE(m_logger.Open(0));
+    EXPECT_EQ(Log("a"), "");
+    const CHeldFile held(GetLog());
+    EXPECT_TRUE(Log("b").ends_with("(16)\n" + Printed("b")));
+    EXPECT_EQ(Log("c"), Printed("c"));
+    EXPECT_EQ(ReadTexts(GetLog()), "[info] a\n");
 }

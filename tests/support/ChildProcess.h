@@ -19,10 +19,12 @@
 
 #include "AutoFd.h"
 
-// How a test talks to the program: through two pipes, or as a user at a terminal.
+// How a test talks to the program: through two pipes, as a user at a terminal, or as a user at a
+// terminal that another job has in hand.
 enum class Channel {
     PIPES,
     TERMINAL,
+    BACKGROUND,
 };
 
 // Starts the program at once and kills and reaps it, if it still runs, with the object; should the
@@ -63,7 +65,14 @@ public:
     CChildProcess(const CChildProcess&) = delete;
     CChildProcess& operator=(const CChildProcess&) = delete;
 
+    // In the background the ID of the job in front, which ends as the program does, and with
+    // STOPPED_STATUS should the program be stopped.
     pid_t Pid() const { return m_iPid; }
+
+    static constexpr int STOPPED_STATUS = 99;
+
+    // The program in the background gets the terminal.
+    void BringToFront() { Signal(SIGUSR1); }
 
     // The program's side of the terminal, for a look at its settings.
     int Terminal() const { return m_Terminal.Get(); }
@@ -118,7 +127,7 @@ private:
 
     bool Open()
     {
-        if (m_Channel == Channel::TERMINAL) {
+        if (m_Channel != Channel::PIPES) {
             int iMaster = -1;
             int iTerminal = -1;
             if (openpty(&iMaster, &iTerminal, nullptr, nullptr, nullptr) != 0)
@@ -150,14 +159,42 @@ private:
         signal(SIGPIPE, SIG_DFL);
         if (getppid() != iParent)
             _exit(EXIT_FAILURE);
-        if (m_Channel == Channel::TERMINAL) {
-            login_tty(m_Terminal.Get());
-        } else {
+        if (m_Channel == Channel::PIPES) {
             dup2(m_ChildInput.Get(), STDIN_FILENO);
             dup2(m_ChildOutput.Get(), STDOUT_FILENO);
+        } else {
+            login_tty(m_Terminal.Get());
         }
+        if (m_Channel == Channel::BACKGROUND)
+            RunBehind();
         execv(vArguments[0], vArguments.data());
         _exit(127);
+    }
+
+    // In the new process, which leads the terminal's session: returns in one that is a background
+    // job. It is the job in front that waits for it, as a shell does.
+    static void RunBehind()
+    {
+        sigset_t front;  // waits until there is a job to bring to the front
+        sigemptyset(&front);
+        sigaddset(&front, SIGUSR1);
+        sigprocmask(SIG_BLOCK, &front, nullptr);
+        s_iJob = fork();
+        if (s_iJob == 0) {
+            setpgid(0, 0);
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            sigprocmask(SIG_UNBLOCK, &front, nullptr);
+            return;
+        }
+        setpgid(s_iJob, s_iJob);
+        signal(SIGUSR1, [](int) { tcsetpgrp(STDIN_FILENO, s_iJob); });
+        sigprocmask(SIG_UNBLOCK, &front, nullptr);
+        int iStatus = 0;
+        while (waitpid(s_iJob, &iStatus, WUNTRACED) == -1 && errno == EINTR)
+            ;
+        if (WIFSTOPPED(iStatus))
+            _exit(STOPPED_STATUS);
+        _exit(WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : EXIT_FAILURE);
     }
 
     // Appends what the program writes next; false at its end or after a long silence.
@@ -184,6 +221,8 @@ private:
         m_iPid = -1;
         return iStatus;
     }
+
+    static inline pid_t s_iJob = -1;  // of the job in front: the one behind
 
     const Channel m_Channel;
     pid_t m_iPid = -1;     // -1 once it is reaped

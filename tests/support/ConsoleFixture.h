@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
-#include "Sanitizers.h"
 #include "TestEnvironment.h"
 #include "WireClient.h"
 
@@ -72,11 +71,25 @@ inline void WaitForRounds(pid_t iPid, int iRounds = 5)
     EXPECT_NE(sNow, "") << "The program has ended";
 }
 
+#if defined(__SANITIZE_THREAD__)
+#define STAGENFS_THREAD_SANITIZED
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define STAGENFS_THREAD_SANITIZED
+#endif
+#endif
+
+#ifdef STAGENFS_THREAD_SANITIZED
+constexpr bool IS_THREAD_SANITIZED = true;
+#else
+constexpr bool IS_THREAD_SANITIZED = false;
+#endif
+
 // Before a first signal is sent: one that meets a program at its very first wait is lost if the
 // thread sanitizer watches it.
 inline void WaitForFirstRest(pid_t iPid)
 {
-    if (IS_SANITIZED)
+    if (IS_THREAD_SANITIZED)
         WaitForRounds(iPid, 2);
 }
 
@@ -86,7 +99,6 @@ public:
     explicit CConsole(const Words& vArguments = {"-md", "int"}) : CChildProcess(Command(vArguments))
     {
         m_sGreeting = ReadToPrompt();
-        WaitForFirstRest(Pid());
     }
 
     // What it wrote before the first prompt.
@@ -129,6 +141,12 @@ public:
     {
         Write("quit\n");
         ExpectEnd();
+    }
+
+    void Signal(int iSignal)
+    {
+        WaitForFirstRest(Pid());
+        CChildProcess::Signal(iSignal);
     }
 
     void WaitForRounds() { ::WaitForRounds(Pid()); }

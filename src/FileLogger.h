@@ -44,7 +44,7 @@ private:
     std::unique_ptr<CUtilities> m_pUtilities;  // owned and private: it has no log file of its own
     std::unique_ptr<CRuntimeParam> m_pRuntimeParam;  // owned
 
-    CMutex m_hMutex;
+    CMutex m_hMutex{HostCalls::ALLOWED};
     CAutoFd m_iLogFile GUARDED_BY(m_hMutex);
     long long m_iMaxLogSize GUARDED_BY(m_hMutex) = 0x2000000;  // bytes
     int m_iLastLogIndex GUARDED_BY(m_hMutex) = 1;              // next number to try

@@ -122,6 +122,7 @@ void CIpcBasic::PrintData(LogArgu* pLogArgu, IpcDataBuf* pData)
 
 void CIpcBasic::LogInfo(const char* pcFormat, ...)
 {
+    char cLogBuf[REASON_SIZE];  // no member: a host that is given the line may lead here again
     va_list arguments;
     va_start(arguments, pcFormat);
     vsnprintf(cLogBuf, sizeof(cLogBuf), pcFormat, arguments);
@@ -131,6 +132,7 @@ void CIpcBasic::LogInfo(const char* pcFormat, ...)
 
 void CIpcBasic::LogError(const char* pcFormat, ...)
 {
+    char cLogBuf[REASON_SIZE];  // no member: a host that is given the line may lead here again
     va_list arguments;
     va_start(arguments, pcFormat);
     vsnprintf(cLogBuf, sizeof(cLogBuf), pcFormat, arguments);

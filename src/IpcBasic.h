@@ -54,7 +54,4 @@ protected:
 
     CUtilities* m_pUtilities;        // not owned
     CRuntimeParam* m_pRuntimeParam;  // not owned
-
-private:
-    char cLogBuf[REASON_SIZE];
 };

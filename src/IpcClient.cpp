@@ -5,13 +5,18 @@
 #include <unistd.h>
 
 #include "AutoFd.h"
+#include "IpcServer.h"
 #include "Pause.h"
 #include "RuntimeParam.h"
+#include "StopGrace.h"
 #include "StopSignal.h"
+#include "Utilities.h"
 
 namespace {
 
-constexpr int STOP_PAUSE = 100;  // milliseconds between two looks for a signal to stop
+constexpr int CONNECT_PAUSE = 1;  // milliseconds between two tries to connect
+constexpr int REPLY_PAUSE = 100;  // milliseconds between two looks whether to go on waiting
+constexpr int PATIENCE = CStopGrace::GRACE;
 
 }  // namespace
 
@@ -31,7 +36,7 @@ bool CIpcClient::SendRequest(const char* pcChannel, char* pcError)
     PrintData(&logArgu, &m_IpcDataInst.request);
 
     LogState(&logArgu, "[%s] Open ipc client socket");
-    const CAutoFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const CAutoFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (socket.Get() == -1)
         return Fail("Fail to open ipc client socket. %s", errno, pcError);
     const bool bResult = Exchange(&logArgu, socket.Get(), address, pcError);
@@ -42,10 +47,8 @@ bool CIpcClient::SendRequest(const char* pcChannel, char* pcError)
 bool CIpcClient::Exchange(LogArgu* pLogArgu, int iSocket, const sockaddr_un& address, char* pcError)
 {
     LogState(pLogArgu, "[%s] Connect ipc client socket");
-    while (connect(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1) {
-        if (errno != EINTR)  // else the queue of the channel is full, and the wait was disturbed
-            return Fail("Fail to connect ipc client socket. %s", errno, pcError);
-    }
+    if (!Connect(iSocket, address))
+        return Fail("Fail to connect ipc client socket. %s", errno, pcError);
 
     LogState(pLogArgu, "[%s] Send ipc client request");
     const IpcDataBuf* pRequest = &m_IpcDataInst.request;
@@ -70,24 +73,61 @@ bool CIpcClient::Exchange(LogArgu* pLogArgu, int iSocket, const sockaddr_un& add
     return true;
 }
 
-// There is no time-out, but whoever stops this process need not wait either.
+// There is no time-out, but whoever stops this process, or what the calling thread belongs to, need
+// not wait for long; nor is it any use to wait below too many requests, when nobody can be served
+// any more who may be waited for. Takes the time that was waited off what is left, if that is so;
+// false if nothing is.
+bool CIpcClient::HasPatience(int iWaited, int* piPatience)
+{
+    CIpcServer* pServing = CIpcServer::GetServing();
+    CStopGrace& grace =
+        pServing == nullptr ? m_pUtilities->GetStopGrace() : pServing->GetCloseGrace();
+    if (CStopSignal::IsRequested() || (pServing != nullptr && pServing->IsServingEnough()))
+        *piPatience -= iWaited;
+    if (grace.Spend(iWaited) && *piPatience > 0)
+        return true;
+    errno = EINTR;
+    return false;
+}
+
+// A channel whose queue is full is asked again until there is room.
+bool CIpcClient::Connect(int iSocket, const sockaddr_un& address)
+{
+    int iPatience = PATIENCE;
+    while (connect(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1) {
+        if (errno == EINTR)
+            continue;
+        if (errno != EAGAIN)
+            return false;
+        Pause(CONNECT_PAUSE);
+        if (!HasPatience(CONNECT_PAUSE, &iPatience))
+            return false;
+    }
+    return true;
+}
+
 ssize_t CIpcClient::Receive(int iSocket, IpcDataBuf* pReply)
 {
+    // Below a request to this process: the other one may ask something here before it answers.
+    CIpcServer* pServing = CIpcServer::GetServing();
+    int iPatience = PATIENCE;
     for (;;) {
+        if (pServing != nullptr && !pServing->ServeWhileWaiting(iSocket))
+            pServing = nullptr;
+        // Where none is left, what has come already is taken all the same.
+        const int iPause = HasPatience(0, &iPatience) ? REPLY_PAUSE : 0;
         struct pollfd wait = {iSocket, POLLIN, 0};
-        const int iReady = poll(&wait, 1, STOP_PAUSE);
+        const int iReady = poll(&wait, 1, iPause);
         if (iReady == -1)
-            Pause(STOP_PAUSE);  // out of memory, or a signal
+            Pause(iPause);  // out of memory, or a signal
         if (iReady == 1) {
             const ssize_t iReceived =
                 recv(iSocket, pReply->cBuf, sizeof(pReply->cBuf), MSG_DONTWAIT);
             if (iReceived != -1 || (errno != EINTR && errno != EAGAIN))
                 return iReceived;
         }
-        if (CStopSignal::IsRequested()) {
-            errno = EINTR;
+        if (!HasPatience(iPause, &iPatience))
             return -1;
-        }
     }
 }
 

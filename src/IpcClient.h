@@ -6,9 +6,10 @@
 #include "IpcBasic.h"
 
 // One exchange: fill the request, send it, read the reply. Then the object has had its day.
-// Nothing here takes a time-out: an exchange lasts as long as the other process takes to answer, or
-// until a signal asks this one to stop (see CStopSignal).
-// Locking: one thread. Any number of objects may talk to one channel at once.
+// Nothing here takes a time-out: an exchange lasts as long as the other process takes to answer. It
+// fails soon if meanwhile a signal asks this process to stop (see CStopSignal), or the server in
+// it, or the channel on whose behalf it takes place, is being stopped. Locking: one thread. Any
+// number of objects may talk to one channel at once.
 class CIpcClient : public CIpcBasic {
 public:
     // Neither is owned; both outlive this object.
@@ -41,6 +42,8 @@ public:
 
 private:
     bool Exchange(LogArgu* pLogArgu, int iSocket, const sockaddr_un& address, char* pcError);
+    bool HasPatience(int iWaited, int* piPatience);
+    bool Connect(int iSocket, const sockaddr_un& address);
     ssize_t Receive(int iSocket, IpcDataBuf* pReply);
     bool IsReply(int iType);
     const char* GetText(int iType);

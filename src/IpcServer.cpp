@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <memory>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,6 +20,34 @@ constexpr int BACKLOG = 5;
 constexpr size_t MAX_SILENT = 128;  // connections; the oldest goes when there are more
 constexpr int RETRY_PAUSE = 100;    // milliseconds, when there is no descriptor for a connection
 constexpr int CHANNEL_MODE = 0777;
+constexpr int MAX_SERVING = 16;  // requests begun; beyond, nobody is served while one waits
+
+thread_local CIpcServer* t_pServing = nullptr;
+
+// Marks the calling thread as serving, also while it writes its own lines: they may lead a host
+// back to the library.
+class CServing {
+public:
+    explicit CServing(CIpcServer* pServer) : m_pBefore(std::exchange(t_pServing, pServer)) {}
+    ~CServing() { t_pServing = m_pBefore; }
+    CServing(const CServing&) = delete;
+    CServing& operator=(const CServing&) = delete;
+
+private:
+    CIpcServer* m_pBefore;
+};
+
+// Counts a request from its beginning to its end.
+class CCounted {
+public:
+    explicit CCounted(int* piServing) : m_piServing(piServing) { (*m_piServing)++; }
+    ~CCounted() { (*m_piServing)--; }
+    CCounted(const CCounted&) = delete;
+    CCounted& operator=(const CCounted&) = delete;
+
+private:
+    int* m_piServing;
+};
 
 }  // namespace
 
@@ -50,6 +80,7 @@ bool CIpcServer::Open(const char* pcChannel, char* pcError)
         if (m_pRuntimeParam->IsLogIpcState())
             LogInfo("[%s] Open channel: %s", logArgu.pcName, pcChannel);
         m_pWakePipe = std::make_unique<CWakePipe>();
+        m_CloseGrace.End();
         m_bOpened = true;
         if (Listen(&logArgu, address, pcError))
             return true;
@@ -93,6 +124,7 @@ bool CIpcServer::Close(char*)
 {
     if (!m_bOpened.exchange(false))
         return true;
+    m_CloseGrace.Begin();
     m_pWakePipe->Wake();
 
     // Closed only when nobody waits on it any more: its number may be given out again at once.
@@ -118,8 +150,14 @@ bool CIpcServer::Close()
 
 bool CIpcServer::ReadRequest(char* pcError)
 {
-    LogArgu logArgu = {"IpcServer.ReadRequest"};
     const CMutexLock lock(m_hMutexRequest);
+    const CServing serving(this);
+    return ReadRequestLocked(pcError);
+}
+
+bool CIpcServer::ReadRequestLocked(char* pcError)
+{
+    LogArgu logArgu = {"IpcServer.ReadRequest"};
     LogState(&logArgu, "[%s] Start");
     if (!m_bOpened) {
         FormatReason(pcError, "Channel not yet opened.");
@@ -132,8 +170,9 @@ bool CIpcServer::ReadRequest(char* pcError)
 
     LogState(&logArgu, "[%s] Accept ipc request");
     CAutoFd connection;
-    switch (WaitForRequest(&connection)) {
+    switch (WaitForRequest(&connection, -1)) {
     case WAIT_CLOSED:
+    case WAIT_OTHER:
         LogState(&logArgu, "[%s] Socket closed");
         return true;
     case WAIT_FAILED:
@@ -141,27 +180,31 @@ bool CIpcServer::ReadRequest(char* pcError)
     case WAIT_READY:
         break;
     }
-    return Serve(&logArgu, connection.Get(), pcError);
+    return Serve(&logArgu, connection.Get(), &m_IpcServerInst.data, pcError);
 }
 
 // Hands out the first connection that has something to say.
-CIpcServer::WaitResult CIpcServer::WaitForRequest(CAutoFd* pConnection)
+CIpcServer::WaitResult CIpcServer::WaitForRequest(CAutoFd* pConnection, int iOther)
 {
     for (;;) {
-        std::vector<struct pollfd> vWaits = {{m_IpcServerInst.iSocket, POLLIN, 0}};
+        std::vector<struct pollfd> vWaits = {{m_IpcServerInst.iSocket, POLLIN, 0},
+                                             {iOther, POLLIN, 0}};
+        const auto iFirst = static_cast<std::ptrdiff_t>(vWaits.size());
         for (const CAutoFd& connection : m_vConnections)
             vWaits.push_back({connection.Get(), POLLIN, 0});
         if (!m_pWakePipe->WaitReadable(&vWaits, -1) || !m_bOpened)
             return WAIT_CLOSED;
+        if (vWaits[1].revents != 0)
+            return WAIT_OTHER;
 
         // Before anyone is served, for the queue of the listener is short.
         const bool bAccepted = vWaits[0].revents == 0 || AcceptConnections();
         const int iError = errno;
         const auto itReady =
-            std::find_if(vWaits.begin() + 1, vWaits.end(),
+            std::find_if(vWaits.begin() + iFirst, vWaits.end(),
                          [](const struct pollfd& wait) { return wait.revents != 0; });
         if (itReady != vWaits.end()) {
-            const auto it = m_vConnections.begin() + (itReady - vWaits.begin() - 1);
+            const auto it = m_vConnections.begin() + (itReady - vWaits.begin() - iFirst);
             *pConnection = std::move(*it);
             m_vConnections.erase(it);
             return WAIT_READY;
@@ -209,10 +252,10 @@ bool CIpcServer::AcceptConnections()
     return true;
 }
 
-bool CIpcServer::Serve(LogArgu* pLogArgu, int iConnection, char* pcError)
+bool CIpcServer::Serve(LogArgu* pLogArgu, int iConnection, IpcDataInst* pData, char* pcError)
 {
     LogState(pLogArgu, "[%s] Read ipc request");
-    IpcDataBuf* pRequest = &m_IpcServerInst.data.request;
+    IpcDataBuf* pRequest = &pData->request;
     ssize_t iReceived = -1;
     do {
         // Not waiting: urgent data, say, count as something to read and then are nothing.
@@ -226,10 +269,13 @@ bool CIpcServer::Serve(LogArgu* pLogArgu, int iConnection, char* pcError)
     if (iReceived == 0 && poll(&peer, 1, 0) == 1 && (peer.revents & POLLHUP) != 0)
         return Fail("Fail to read ipc request. %s", ECONNRESET, pcError);
     pRequest->lDataLen = iReceived;
-    ParseData(pLogArgu, &m_IpcServerInst.data);
+    {
+        const CCounted counted(&m_iServing);
+        ParseData(pLogArgu, pData);
+    }
 
     LogState(pLogArgu, "[%s] Send ipc reply");
-    const IpcDataBuf* pReply = &m_IpcServerInst.data.reply;
+    const IpcDataBuf* pReply = &pData->reply;
     ssize_t iSent = -1;
     do {  // never waits: a socket has room for a message
         iSent = send(iConnection, pReply->cBuf, static_cast<size_t>(pReply->lDataLen),
@@ -243,6 +289,38 @@ bool CIpcServer::Serve(LogArgu* pLogArgu, int iConnection, char* pcError)
     return true;
 }
 
+CIpcServer* CIpcServer::GetServing()
+{
+    return t_pServing;
+}
+
+bool CIpcServer::IsServingEnough() const
+{
+    return m_iServing >= MAX_SERVING;
+}
+
+// The request in hand has its arguments in the buffer that all share, so this one brings another.
+bool CIpcServer::ServeWhileWaiting(int iFile)
+{
+    LogArgu logArgu = {"IpcServer.ReadRequest"};
+    while (m_bOpened && !m_bAutoShutdownRequested && !IsServingEnough()) {
+        CAutoFd connection;
+        const WaitResult result = WaitForRequest(&connection, iFile);
+        if (result == WAIT_OTHER)
+            return true;
+        if (result != WAIT_READY)
+            continue;
+        const auto pData = std::make_unique<IpcDataInst>();
+        char cError[REASON_SIZE] = "";
+        if (!Serve(&logArgu, connection.Get(), pData.get(), cError) &&
+            m_pRuntimeParam->IsLogError())
+            LogError("[%s] %s", "IpcServer.SendRequest", cError);
+        if (m_bAutoShutdownRequested)  // the request below this one may never end by itself
+            m_pNfsHandle->RequestAutoShutdown();
+    }
+    return false;
+}
+
 bool CIpcServer::ReadRequest()
 {
     LogArgu logArgu = {"IpcServer.SendRequest"};  // kept: not the name of this operation
@@ -250,10 +328,15 @@ bool CIpcServer::ReadRequest()
         LogState(&logArgu, "[%s] Waiting to auto shutdown");
         return false;
     }
-    char cError[REASON_SIZE] = "";
-    const bool bResult = ReadRequest(cError);
-    if (!bResult && m_pRuntimeParam->IsLogError())
-        LogError("[%s] %s", logArgu.pcName, cError);
+    bool bResult = false;
+    {
+        const CMutexLock lock(m_hMutexRequest);
+        const CServing serving(this);
+        char cError[REASON_SIZE] = "";
+        bResult = ReadRequestLocked(cError);
+        if (!bResult && m_pRuntimeParam->IsLogError())
+            LogError("[%s] %s", logArgu.pcName, cError);
+    }
     if (m_bAutoShutdownRequested)
         m_pNfsHandle->RequestAutoShutdown();
     return bResult;

@@ -9,6 +9,7 @@
 #include "AutoFd.h"
 #include "IpcBasic.h"
 #include "Mutex.h"
+#include "StopGrace.h"
 #include "WakePipe.h"
 
 class CNfsMain;
@@ -21,7 +22,8 @@ struct IpcServerInst {
 
 // Listens on a channel, and answers one message per connection by having a controller do what it
 // asks for. Requests are served strictly one after another, but a peer that connects and then says
-// nothing keeps nobody waiting: its turn comes when it speaks.
+// nothing keeps nobody waiting: its turn comes when it speaks. And where a request makes this
+// process ask another one, which may ask back before it answers, others are served meanwhile.
 // The request buffer is not cleared between messages (kept: a message shorter than its record is
 // served all the same, with what the last one left behind it).
 // Locking: ReadRequest belongs to one thread; Close may be called from another one, and waits for
@@ -54,7 +56,20 @@ public:
     // Returns after iMilliseconds, or as soon as the server is closed.
     void WaitForClose(int iMilliseconds);
 
+    // Begun once the server is being closed.
+    CStopGrace& GetCloseGrace() { return m_CloseGrace; }
+
     bool IsAutoShutdownRequested() const { return m_bAutoShutdownRequested; }
+
+    // The server that the calling thread is serving; null for most threads.
+    static CIpcServer* GetServing();
+
+    // For that thread: serves others until iFile has something to read. False, at once, if the
+    // server is closed or cannot serve any more.
+    bool ServeWhileWaiting(int iFile) NOT_ANALYSED;
+
+    // For that thread: true if so many requests are begun that no further one is.
+    bool IsServingEnough() const NOT_ANALYSED;
 
     // Makes the reply to a request.
     void ParseData(LogArgu* pLogArgu, IpcDataInst* pData);
@@ -66,14 +81,17 @@ private:
         WAIT_CLOSED,
         WAIT_FAILED,  // errno tells why
         WAIT_READY,
+        WAIT_OTHER,  // the other descriptor has something to read
     };
 
+    bool ReadRequestLocked(char* pcError) REQUIRES(m_hMutexRequest);
     bool Listen(LogArgu* pLogArgu, const sockaddr_un& address, char* pcError)
         REQUIRES(m_hMutexRequest);
-    WaitResult WaitForRequest(CAutoFd* pConnection) REQUIRES(m_hMutexRequest);
+    WaitResult WaitForRequest(CAutoFd* pConnection, int iOther) REQUIRES(m_hMutexRequest);
     bool AcceptConnections() REQUIRES(m_hMutexRequest);
     bool DropSilent() REQUIRES(m_hMutexRequest);
-    bool Serve(LogArgu* pLogArgu, int iConnection, char* pcError) REQUIRES(m_hMutexRequest);
+    bool Serve(LogArgu* pLogArgu, int iConnection, IpcDataInst* pData, char* pcError)
+        REQUIRES(m_hMutexRequest);
 
     // The requests by subject. False for a type that belongs to another one.
     bool ProcessServerRequest(IpcDataInst* pData, int iType);
@@ -88,9 +106,12 @@ private:
     CNfsMain* m_pNfsHandle;  // not owned
     std::atomic<bool> m_bOpened = false;
     std::atomic<bool> m_bAutoShutdownRequested = false;
+    CStopGrace m_CloseGrace;
     std::unique_ptr<CWakePipe> m_pWakePipe;  // owned; changes only under the mutex, while closed
 
-    CMutex m_hMutexRequest;  // held for a whole request, and while waiting for one
+    CMutex m_hMutexRequest{
+        HostCalls::ALLOWED};  // held for a whole request, and while waiting for one
     IpcServerInst m_IpcServerInst GUARDED_BY(m_hMutexRequest);
+    int m_iServing GUARDED_BY(m_hMutexRequest) = 0;  // requests begun and not yet answered
     std::vector<CAutoFd> m_vConnections GUARDED_BY(m_hMutexRequest);  // silent so far, oldest first
 };

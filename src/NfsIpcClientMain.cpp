@@ -94,6 +94,8 @@ void CNfsIpcClientMain::SendForText(int iType, char* pcOut)
 
 void CNfsIpcClientMain::SendPath(int iType, const char* pcPath)
 {
+    if (pcPath == nullptr)
+        return;
     CExchange exchange(this);
     SetField(exchange.InitialRequest<IpcRequest_CloseRedirectedFile>(iType)->cPath, pcPath);
     Send(&exchange);
@@ -144,6 +146,8 @@ bool CNfsIpcClientMain::IsServerRunning()
 bool CNfsIpcClientMain::AddMountPoint(const char* pcLocalPath, const char* pcExportName,
                                       char* pcReason)
 {
+    if (!IsMountDefined(pcLocalPath, pcExportName, pcReason))
+        return false;
     CExchange exchange(this);
     auto* pRequest =
         exchange.InitialRequest<IpcRequest_AddMountPoint>(IPC_REQUEST_TYPE_ADD_MOUNT_POINT);
@@ -163,6 +167,8 @@ void CNfsIpcClientMain::RemoveMountPoint(const char* pcLocalPath)
 
 void CNfsIpcClientMain::AddSessionInfo(const char* pcSessionID, const char* pcLocalPath)
 {
+    if (pcSessionID == nullptr)
+        return;
     CExchange exchange(this);
     auto* pRequest = exchange.InitialRequest<IpcRequest_AddSession>(IPC_REQUEST_TYPE_ADD_SESSION);
     SetField(pRequest->cSessionID, pcSessionID);
@@ -172,6 +178,8 @@ void CNfsIpcClientMain::AddSessionInfo(const char* pcSessionID, const char* pcLo
 
 void CNfsIpcClientMain::RemoveSessionInfo(const char* pcSessionID)
 {
+    if (pcSessionID == nullptr)
+        return;
     CExchange exchange(this);
     SetField(exchange.InitialRequest<IpcRequest_RemoveSession>(IPC_REQUEST_TYPE_REMOVE_SESSION)
                  ->cSessionID,
@@ -181,6 +189,8 @@ void CNfsIpcClientMain::RemoveSessionInfo(const char* pcSessionID)
 
 bool CNfsIpcClientMain::IsSessionExists(const char* pcSessionID)
 {
+    if (pcSessionID == nullptr)
+        return false;
     CExchange exchange(this);
     SetField(exchange.InitialRequest<IpcRequest_IsSessionExists>(IPC_REQUEST_TYPE_IS_SESSION_EXIST)
                  ->cSessionID,
@@ -192,6 +202,8 @@ void CNfsIpcClientMain::OpenRedirectedFile(const char* pcPath, long long iSize,
                                            bool bCreateInfoFile, int iInfoFileSegmentSizeMB,
                                            int iInfoFileCheckPointSizeMB)
 {
+    if (pcPath == nullptr)
+        return;
     CExchange exchange(this);
     auto* pRequest =
         exchange.InitialRequest<IpcRequest_OpenRedirectedFile>(IPC_REQUEST_TYPE_OPEN_RD_FILE);
@@ -217,6 +229,10 @@ bool CNfsIpcClientMain::AddRedirectedFileSegment(const char* pcPath, const char*
                                                  long long iSrcFileOffset, long long iOffset,
                                                  long long iLength, char* pcReason)
 {
+    if (pcPath == nullptr) {
+        FormatReason(pcReason, "Path is not defined");
+        return false;
+    }
     CExchange exchange(this);
     auto* pRequest = exchange.InitialRequest<IpcRequest_AddRedirectedFileSegment>(
         IPC_REQUEST_TYPE_ADD_RD_FILE_SEG);
@@ -232,6 +248,8 @@ bool CNfsIpcClientMain::AddRedirectedFileSegment(const char* pcPath, const char*
 
 void CNfsIpcClientMain::ExportRedirectedFile(const char* pcPath, const char* pcDest)
 {
+    if (pcPath == nullptr || pcDest == nullptr)
+        return;
     CExchange exchange(this);
     auto* pRequest =
         exchange.InitialRequest<IpcRequest_ExportRedirectedFile>(IPC_REQUEST_TYPE_EXPORT_RD_FILE);
@@ -243,6 +261,8 @@ void CNfsIpcClientMain::ExportRedirectedFile(const char* pcPath, const char* pcD
 void CNfsIpcClientMain::ExportRedirectedFileInfo(const char* pcPath, const char* pcDest,
                                                  bool bMergeRange)
 {
+    if (pcPath == nullptr || pcDest == nullptr)
+        return;
     CExchange exchange(this);
     auto* pRequest = exchange.InitialRequest<IpcRequest_ExportRedirectedFileInfo>(
         IPC_REQUEST_TYPE_EXPORT_RD_FILE_INFO);
@@ -296,6 +316,8 @@ int CNfsIpcClientMain::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintD
 void CNfsIpcClientMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                     long long iFileSize)
 {
+    if (pcPath == nullptr)
+        return;
     CExchange exchange(this);
     auto* pRequest =
         exchange.InitialRequest<IpcRequest_RunTestMode>(IPC_REQUEST_TYPE_RUN_TEST_MODE);
@@ -367,7 +389,7 @@ int CNfsIpcClientMain::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintD
 void CNfsIpcClientMain::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost,
                                        const char* pcPort, const char* pcUser, const char* pcPwd)
 {
-    if (!HasDatastores())
+    if (pcDatastoreMoid == nullptr || !HasDatastores())
         return;
     CExchange exchange(this);
     auto* pRequest =
@@ -382,7 +404,7 @@ void CNfsIpcClientMain::AddVSphereInfo(const char* pcDatastoreMoid, const char* 
 
 void CNfsIpcClientMain::RemoveVSphereInfo(const char* pcDatastoreMoid)
 {
-    if (!HasDatastores())
+    if (pcDatastoreMoid == nullptr || !HasDatastores())
         return;
     CExchange exchange(this);
     SetField(

@@ -6,6 +6,13 @@
 #include "StopSignal.h"
 #include "Text.h"
 #include "Utilities.h"
+#include "UtilitiesIpcServer.h"
+
+namespace {
+
+constexpr char START_NAME[] = "NfsIpcServerMain.StartRemoteController";
+
+}  // namespace
 
 CNfsIpcServerMain::CNfsIpcServerMain() = default;
 
@@ -31,10 +38,10 @@ void CNfsIpcServerMain::InitMemberVaribles(const char* pcID, int iLogControl)
     CNfsMain::InitMemberVaribles(pcID, iLogControl);
 }
 
-// Where lines and notifications for other processes will be told apart from this one's.
+// What happens on behalf of another process goes there.
 std::unique_ptr<CUtilities> CNfsIpcServerMain::CreateUtilities()
 {
-    return CNfsMain::CreateUtilities();
+    return std::make_unique<CUtilitiesIpcServer>();
 }
 
 bool CNfsIpcServerMain::Initial(char* pcReason)
@@ -45,6 +52,10 @@ bool CNfsIpcServerMain::Initial(char* pcReason)
 
 bool CNfsIpcServerMain::StartRemoteController(char* pcReason)
 {
+    if (IsRefusedInsideCallback(START_NAME)) {
+        FormatReason(pcReason, "Remote controller cannot be started from a callback");
+        return false;
+    }
     const CMutexLock lock(m_hMutexController);
     if (HasFileLogger())
         GetUtils()->LogInfo(GetRuntimeParam(), "Start Remote Controller");
@@ -67,7 +78,7 @@ bool CNfsIpcServerMain::StartRemoteController(char* pcReason)
     FormatReason(pcReason, "%s", cReason);
     if (GetRuntimeParam()->IsLogError())
         GetUtils()->LogError(GetRuntimeParam(), "[%s] Fail to start ipc server thread. Reason=%s",
-                             "NfsIpcServerMain.StartRemoteController", cReason);
+                             START_NAME, cReason);
     return false;
 }
 
@@ -81,6 +92,8 @@ bool CNfsIpcServerMain::IsServed(const char* pcChannel)
 
 void CNfsIpcServerMain::StopRemoteController()
 {
+    if (IsRefusedInsideCallback("NfsIpcServerMain.StopRemoteController"))
+        return;
     const CMutexLock lock(m_hMutexController);
     if (HasFileLogger())
         GetUtils()->LogInfo(GetRuntimeParam(), "Stop Remote Controller");

@@ -47,6 +47,6 @@ public:
 private:
     bool IsServed(const char* pcChannel);
 
-    CMutex m_hMutexController;  // held for a whole start or stop
+    CMutex m_hMutexController{HostCalls::ALLOWED};  // held for a whole start or stop
     std::unique_ptr<CIpcServerThread> m_pIpcServerThread GUARDED_BY(m_hMutexController);  // owned
 };

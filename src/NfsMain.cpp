@@ -37,6 +37,17 @@ std::unique_ptr<CUtilities> CNfsMain::CreateUtilities()
     return std::make_unique<CUtilities>();
 }
 
+// Such a thread may be one that a stop waits for, or hold what a start needs.
+bool CNfsMain::IsRefusedInsideCallback(const char* pcName)
+{
+    if (!CUtilities::IsInsideCallback())
+        return false;
+    if (m_pRuntimeParam->IsLogError())
+        m_pUtilities->LogError(m_pRuntimeParam.get(), "[%s] Cannot be called from a callback.",
+                               pcName);
+    return true;
+}
+
 bool CNfsMain::HasFileLogger()
 {
     return m_pUtilities->GetFileLogger() != nullptr;
@@ -147,12 +158,12 @@ void CNfsMain::SetLogControl(int iLogControl)
         m_pRpcServer->SetLogControl(iLogControl);
 }
 
-void CNfsMain::SetCallback(CCallback* pCallback)
+void CNfsMain::SetCallback(IHost* pCallback)
 {
     m_pUtilities->SetCallback(pCallback);
 }
 
-CCallback* CNfsMain::GetCallback()
+std::shared_ptr<IHost> CNfsMain::GetCallback()
 {
     return m_pUtilities->GetCallback();
 }
@@ -160,6 +171,19 @@ CCallback* CNfsMain::GetCallback()
 void CNfsMain::SetFileLogger(CFileLogger* pFileLogger)
 {
     m_pUtilities->SetFileLogger(pFileLogger);
+}
+
+bool CNfsMain::IsMountDefined(const char* pcLocalPath, const char* pcExportName, char* pcReason)
+{
+    if (NotNull(pcLocalPath)[0] == '\0') {
+        FormatReason(pcReason, "Local mount folder is not defined");
+        return false;
+    }
+    if (pcExportName == nullptr) {
+        FormatReason(pcReason, "Export name is not defined");
+        return false;
+    }
+    return true;
 }
 
 bool CNfsMain::AddMountPoint(const char* pcLocalPath, const char* pcExportName, char* pcReason)
@@ -170,6 +194,8 @@ bool CNfsMain::AddMountPoint(const char* pcLocalPath, const char* pcExportName, 
 bool CNfsMain::AddMountPoint(const char* pcLocalPath, const char* pcExportName, const char* pcIpcID,
                              char* pcReason)
 {
+    if (!IsMountDefined(pcLocalPath, pcExportName, pcReason))
+        return false;
     LogArgu logArgu = {"NfsMain.AddMountPoint"};
     return m_pUtilities->AddMountInfo(m_pRuntimeParam.get(), &logArgu, pcLocalPath, pcExportName,
                                       pcIpcID, pcReason);
@@ -177,17 +203,23 @@ bool CNfsMain::AddMountPoint(const char* pcLocalPath, const char* pcExportName, 
 
 void CNfsMain::RemoveMountPoint(const char* pcLocalPath)
 {
+    if (pcLocalPath == nullptr)
+        return;
     LogArgu logArgu = {"NfsMain.RemoveMountPoint"};
     m_pUtilities->RemoveMountInfoByLocalMountPath(m_pRuntimeParam.get(), &logArgu, pcLocalPath);
 }
 
 void CNfsMain::AddSessionInfo(const char* pcSessionID, const char* pcLocalPath)
 {
-    m_pUtilities->AddSessionInfo(pcSessionID, pcLocalPath);
+    if (pcSessionID == nullptr)
+        return;
+    m_pUtilities->AddSessionInfo(pcSessionID, NotNull(pcLocalPath));
 }
 
 void CNfsMain::RemoveSessionInfo(const char* pcSessionID)
 {
+    if (pcSessionID == nullptr)
+        return;
     m_pUtilities->RemoveSessionInfo(pcSessionID);
 }
 
@@ -198,23 +230,29 @@ bool CNfsMain::IsSessionExists(const char* pcSessionID)
 
 bool CNfsMain::IsLocalSessionExists(const char* pcSessionID)
 {
-    return m_pUtilities->IsSessionExists(pcSessionID);
+    return pcSessionID != nullptr && m_pUtilities->IsSessionExists(pcSessionID);
 }
 
 void CNfsMain::OpenRedirectedFile(const char* pcPath, long long iSize, bool bCreateInfoFile,
                                   int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB)
 {
+    if (pcPath == nullptr)
+        return;
     m_pUtilities->OpenRedirectedFile(m_pRuntimeParam.get(), pcPath, iSize, bCreateInfoFile,
                                      iInfoFileSegmentSizeMB, iInfoFileCheckPointSizeMB);
 }
 
 void CNfsMain::CloseRedirectedFile(const char* pcPath)
 {
+    if (pcPath == nullptr)
+        return;
     m_pUtilities->CloseRedirectedFile(m_pRuntimeParam.get(), pcPath);
 }
 
 void CNfsMain::CloseAllRedirectedFiles(const char* pcPath)
 {
+    if (pcPath == nullptr)
+        return;
     m_pUtilities->CloseAllRedirectedFiles(m_pRuntimeParam.get(), pcPath);
 }
 
@@ -222,28 +260,40 @@ bool CNfsMain::AddRedirectedFileSegment(const char* pcPath, const char* pcSrcPat
                                         long long iSrcFileOffset, long long iOffset,
                                         long long iLength, char* pcReason)
 {
+    if (pcPath == nullptr) {
+        FormatReason(pcReason, "Path is not defined");
+        return false;
+    }
     return m_pUtilities->AddRedirectedFileSegment(m_pRuntimeParam.get(), pcPath, pcSrcPath,
                                                   iSrcFileOffset, iOffset, iLength, pcReason);
 }
 
 void CNfsMain::ExportRedirectedFile(const char* pcPath, const char* pcDest)
 {
+    if (pcPath == nullptr || pcDest == nullptr)
+        return;
     m_pUtilities->ExportRedirectedFile(m_pRuntimeParam.get(), pcPath, pcDest);
 }
 
 void CNfsMain::ExportRedirectedFileInfo(const char* pcPath, const char* pcDest, bool bMergeRange)
 {
+    if (pcPath == nullptr || pcDest == nullptr)
+        return;
     m_pUtilities->ExportRedirectedFileInfo(m_pRuntimeParam.get(), pcPath, pcDest, bMergeRange);
 }
 
 void CNfsMain::CloseCachedFileHandle(const char* pcPath)
 {
+    if (pcPath == nullptr)
+        return;
     LogArgu logArgu = {"NfsMain.CloseCachedFileHandle"};
     m_pUtilities->CloseCachedFileHandle(m_pRuntimeParam.get(), &logArgu, pcPath);
 }
 
 void CNfsMain::CloseAllCachedFileHandles(const char* pcPath)
 {
+    if (pcPath == nullptr)
+        return;
     LogArgu logArgu = {"NfsMain.CloseAllCachedFileHandles"};
     m_pUtilities->CloseAllCachedFileHandles(m_pRuntimeParam.get(), &logArgu, pcPath);
 }
@@ -276,6 +326,8 @@ void CNfsMain::RunTestMode(const char* pcPath, long long iFileSize)
 
 void CNfsMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, long long iFileSize)
 {
+    if (pcPath == nullptr)
+        return;
     m_pUtilities->RunTestMode(pRuntimeParam, pcPath, iFileSize);
 }
 
@@ -292,10 +344,15 @@ int CNfsMain::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
 void CNfsMain::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
                               const char* pcUser, const char* pcPwd)
 {
-    m_pUtilities->AddVSphereInfo(pcDatastoreMoid, pcHost, pcPort, pcUser, pcPwd);
+    if (pcDatastoreMoid == nullptr)
+        return;
+    m_pUtilities->AddVSphereInfo(pcDatastoreMoid, NotNull(pcHost), NotNull(pcPort), NotNull(pcUser),
+                                 NotNull(pcPwd));
 }
 
 void CNfsMain::RemoveVSphereInfo(const char* pcDatastoreMoid)
 {
+    if (pcDatastoreMoid == nullptr)
+        return;
     m_pUtilities->RemoveVSphereInfo(pcDatastoreMoid);
 }

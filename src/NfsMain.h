@@ -10,7 +10,6 @@
 #include "Portmap.h"
 #include "RuntimeParam.h"
 
-class CCallback;
 class CDatagramSocket;
 class CFileLogger;
 class CMountProg;
@@ -20,6 +19,7 @@ class CRedirectedFile;
 class CRpcServer;
 class CServerSocket;
 class CUtilities;
+class IHost;
 
 constexpr int MOUNT_PORT = 1058;  // one higher beside an external port mapper, as NFS_PORT
 constexpr int NFS_PORT = 2049;
@@ -52,9 +52,11 @@ struct SocketHandle {
 // Runs the server in this process. Life: construct, Initial, any number of StartServer and
 // StopServer, Terminate, destruct. Exports and sessions can be added whether or not the server
 // runs; StopServer removes them.
-// Reason buffers hold REASON_SIZE bytes and may be null. Paths and names are zero-terminated.
+// Reason buffers hold REASON_SIZE bytes and may be null. Paths and names are zero-terminated; an
+// operation does nothing, or fails, if what it is about is null.
 // Locking: operations may be called from any thread; starting and stopping exclude each other.
-// StopServer and the destructor wait for the calls in hand, so neither may be called from one.
+// StopServer and the destructor wait for the calls in hand, so neither may be called from one:
+// StartServer and StopServer refuse to run below a call of the host.
 class CNfsMain {
 public:
     // The ID goes with every line and notification; iLogControl holds LogControl bits.
@@ -132,6 +134,13 @@ protected:
 
     bool HasFileLogger();
 
+    // False, with the reason, if there is nothing to publish, or no name for it. No path at all
+    // would publish everything.
+    static bool IsMountDefined(const char* pcLocalPath, const char* pcExportName, char* pcReason);
+
+    // True, with a line in the log, on a thread that is below a call of the host.
+    bool IsRefusedInsideCallback(const char* pcName);
+
     virtual void InitMemberVaribles(const char* pcID, int iLogControl);
     virtual std::unique_ptr<CUtilities> CreateUtilities();
     virtual bool InitialNetwork(char* pcReason);
@@ -155,8 +164,8 @@ public:
     bool IsAutoShutdownRequested() const { return m_bAutoShutdownRequested; }
 
     // Neither is owned; both outlive their time of being set here.
-    void SetCallback(CCallback* pCallback);
-    CCallback* GetCallback();
+    void SetCallback(IHost* pCallback);
+    std::shared_ptr<IHost> GetCallback();
     void SetFileLogger(CFileLogger* pFileLogger);
 
     CUtilities* GetUtils() { return m_pUtilities.get(); }
@@ -184,7 +193,7 @@ private:
     std::unique_ptr<CRuntimeParam> m_pRuntimeParam;  // owned
     std::unique_ptr<CUtilities> m_pUtilities;        // owned
 
-    CMutex m_hMutexServer;  // starting and stopping; held for their whole run
+    CMutex m_hMutexServer{HostCalls::ALLOWED};  // starting and stopping; held for their whole run
     bool m_bStartFailed GUARDED_BY(m_hMutexServer) = false;  // and what it left is not gone yet
     std::unique_ptr<CMountProg> m_pMountProg GUARDED_BY(m_hMutexServer);  // owned, as all below
     SocketHandle m_Sockets[SOCKETS_COUNT] GUARDED_BY(m_hMutexServer);

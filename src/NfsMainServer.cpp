@@ -25,6 +25,10 @@ constexpr int NFS_CONNECTIONS = 10;     // at a time
 bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUid, unsigned int iGid,
                            bool bReadOnly, char* pcReason)
 {
+    if (IsRefusedInsideCallback(START_NAME)) {
+        FormatReason(pcReason, "NFS cannot be started from a callback");
+        return false;
+    }
     {
         const CMutexLock lock(m_hMutexServer);
         // What is served must not be lost to a second start, nor one start to another's failure.
@@ -189,6 +193,8 @@ void CNfsMain::ReportRegistration(const char* pcText, char* pcReason)
 
 void CNfsMain::StopServer()
 {
+    if (IsRefusedInsideCallback("NfsMain.StopServer"))
+        return;
     const CMutexLock lock(m_hMutexServer);
     if (HasFileLogger() && m_bServerRunning)
         m_pUtilities->LogInfo(m_pRuntimeParam.get(), "Stop NFS");
@@ -202,6 +208,7 @@ void CNfsMain::StopServer()
 // Sockets first: they join their threads, and nobody uses the programs any more.
 void CNfsMain::StopAll()
 {
+    m_pUtilities->GetStopGrace().Begin();  // a call in hand may be waiting for the host's process
     for (SocketHandle& sockets : m_Sockets) {
         sockets.pServerSocket.reset();
         sockets.pDatagramSocket.reset();
@@ -214,6 +221,7 @@ void CNfsMain::StopAll()
     }
     m_pPortmap.reset();
     m_pNfsProg.reset();
+    m_pUtilities->GetStopGrace().End();
     const CMutexLock lock(m_hMutexRpcServer);
     m_pRpcServer.reset();
 }

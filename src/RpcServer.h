@@ -105,7 +105,7 @@ private:
 
     CUtilities* m_pUtilities;  // not owned
 
-    CMutex m_hMutex;
+    CMutex m_hMutex{HostCalls::ALLOWED};
     // Its IDs are those of the call in hand; the log control may be set from any thread.
     CRuntimeParam m_pRuntimeParam;
 

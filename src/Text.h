@@ -13,6 +13,12 @@ constexpr size_t REASON_SIZE = 2048;  // bytes of a reason buffer and of a log l
 // as the empty string; a null target or a size of 0 is left alone.
 void CopyText(char* pcTarget, size_t iSize, const char* pcSource);
 
+// Null reads as the empty string.
+inline const char* NotNull(const char* pcText)
+{
+    return pcText == nullptr ? "" : pcText;
+}
+
 // Fills a caller's reason buffer of REASON_SIZE bytes, cut and terminated; null means that the
 // caller wants no words.
 void FormatReason(char* pcReason, const char* pcFormat, ...) __attribute__((format(printf, 2, 3)));

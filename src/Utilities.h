@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -19,12 +20,13 @@
 #include "OpenedFileInfo.h"
 #include "RuntimeParam.h"
 #include "SessionInfo.h"
+#include "StopGrace.h"
 #include "VSphereInfo.h"
 
-class CCallback;
 class CFileLogger;
 class CFileTable;
 class CRedirectedFile;
+class IHost;
 struct stat;
 
 // Shared by all threads of a server. Most operations take the caller's context (pRuntimeParam: who
@@ -49,7 +51,7 @@ public:
     virtual void LogRaw(CRuntimeParam* pRuntimeParam, char* pcText);
 
     // Tell the host what a client did to a redirected file. The result is the host's answer (see
-    // CCallback); without a host it is -1 and nothing else happens.
+    // IHost); without a host it is -1 and nothing else happens.
     virtual int LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                                   bool bSize, unsigned long long iSize,
                                                   bool bAccessTime, unsigned long iAccessTimeSec,
@@ -89,9 +91,29 @@ public:
     int LogWriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek,
                                int iSeekType, unsigned int iLength);
 
-    // Neither is owned: whoever sets one keeps it alive as long as any thread may be using it.
-    void SetCallback(CCallback* pCallback) { m_pCallback = pCallback; }
-    CCallback* GetCallback() const { return m_pCallback; }
+    // Sets the host, in place of all others; null for none. Not owned: whoever sets it keeps it
+    // alive as long as any thread may be using it.
+    void SetCallback(IHost* pCallback);
+
+    // Adds a host, which is told what happens once those that were added before it are taken out
+    // again. It lives until it is taken out and no thread is using it any more.
+    void InstallCallback(std::shared_ptr<IHost> pCallback);
+    void RemoveCallback(const IHost* pCallback);
+
+    // The host that is told what happens; null if there is none.
+    std::shared_ptr<IHost> GetCallback() const;
+
+    // What that host answers to the question; false if there is none.
+    bool IsInterrupted();
+
+    // True while the calling thread is somewhere below a call of the host. It may hold what a start
+    // or a stop of the server waits for.
+    static bool IsInsideCallback();
+
+    // Begun while the server is being stopped: then nothing waits for other processes for long.
+    CStopGrace& GetStopGrace() { return m_StopGrace; }
+
+    // Not owned: whoever sets it keeps it alive as long as any thread may be using it.
     void SetFileLogger(CFileLogger* pFileLogger) { m_pFileLogger = pFileLogger; }
     CFileLogger* GetFileLogger() const { return m_pFileLogger; }
 
@@ -366,6 +388,9 @@ public:
     void RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize);
 
 private:
+    using LogOperation = void (CUtilities::*)(CRuntimeParam*, char*);
+    void Deliver(LogOperation operation, CRuntimeParam* pRuntimeParam, char* pcText);
+
     // A descriptor that an operation is using outside the cache's mutex.
     struct FileInUse {
         int iFile = -1;
@@ -419,7 +444,9 @@ private:
     void DropRedirectedFiles(CRuntimeParam* pRuntimeParam);
     std::vector<std::string> GetRedirectedFilePaths();
 
-    std::atomic<CCallback*> m_pCallback = nullptr;      // not owned
+    mutable CMutex m_hMutexCallback;  // held for one look-up or change
+    std::vector<std::shared_ptr<IHost>> m_vCallbacks GUARDED_BY(m_hMutexCallback);  // oldest first
+    CStopGrace m_StopGrace;
     std::atomic<CFileLogger*> m_pFileLogger = nullptr;  // not owned
 
     CMutex m_hMutexFileTable;
@@ -433,7 +460,9 @@ private:
     std::vector<FileInUse> m_vFilesInUse GUARDED_BY(m_hMutexOpenedFileHandles);
     CFolderPositions m_FolderPositions GUARDED_BY(m_hMutexOpenedFileHandles);
 
-    CMutex m_hMutexRedirectedFiles;  // held for a whole operation of the host
+    // Held for a whole operation of the host, which may call back into another one from a line of
+    // it. Guards no data.
+    std::recursive_mutex m_hMutexRedirectedFiles;
     CMutex m_hMutexRedirectedTable;  // held for one look-up or change
     std::map<std::string, std::shared_ptr<CRedirectedFile>, std::less<>>
         m_mRedirectedFiles GUARDED_BY(m_hMutexRedirectedTable);  // by path

@@ -18,7 +18,7 @@ CRedirectedFile* CUtilities::OpenRedirectedFile(CRuntimeParam* pRuntimeParam, co
                                                 int iInfoFileSegmentSizeMB,
                                                 int iInfoFileCheckPointSizeMB)
 {
-    const CMutexLock lock(m_hMutexRedirectedFiles);
+    const std::lock_guard lock(m_hMutexRedirectedFiles);
     auto pFile = std::make_shared<CRedirectedFile>(this);
     pFile->Open(pRuntimeParam, iSize, CountRedirectedFilesBeside(pcPath),
                 bCreateInfoFile ? pcPath : nullptr, iInfoFileSegmentSizeMB,
@@ -48,7 +48,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::GetRedirectedFile(const char* pcPat
 
 void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath)
 {
-    const CMutexLock lock(m_hMutexRedirectedFiles);
+    const std::lock_guard lock(m_hMutexRedirectedFiles);
     DropRedirectedFile(pRuntimeParam, pcPath);
 }
 
@@ -75,7 +75,7 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const cha
     CopyText(cPrefix, sizeof(cPrefix), pcDirPath);
     SetPathToCompare(cPrefix);
 
-    const CMutexLock lock(m_hMutexRedirectedFiles);
+    const std::lock_guard lock(m_hMutexRedirectedFiles);
     std::vector<std::string> vPaths = GetRedirectedFilePaths();
     for (auto it = vPaths.begin(); it != vPaths.end();) {
         char cPath[PATH_SIZE];
@@ -97,7 +97,7 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const cha
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam)
 {
     DropRedirectedFiles(pRuntimeParam);  // an export in hand ends with its next piece
-    const CMutexLock lock(m_hMutexRedirectedFiles);
+    const std::lock_guard lock(m_hMutexRedirectedFiles);
     DropRedirectedFiles(pRuntimeParam);  // what the operation in hand has opened
 }
 
@@ -116,7 +116,7 @@ bool CUtilities::AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const ch
                                           const char* pcSrcPath, long long iSrcFileOffset,
                                           long long iOffset, long long iLength, char* pcReason)
 {
-    const CMutexLock lock(m_hMutexRedirectedFiles);
+    const std::lock_guard lock(m_hMutexRedirectedFiles);
     const std::shared_ptr<CRedirectedFile> pFile = GetRedirectedFile(pcPath);
     return pFile != nullptr &&
            pFile->AddSegment(pRuntimeParam, pcSrcPath, iSrcFileOffset, iOffset, iLength, pcReason);
@@ -155,7 +155,7 @@ std::vector<std::string> CUtilities::GetRedirectedFilePaths()
 void CUtilities::ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                       const char* pcExportPath)
 {
-    const CMutexLock lock(m_hMutexRedirectedFiles);
+    const std::lock_guard lock(m_hMutexRedirectedFiles);
     if (const std::shared_ptr<CRedirectedFile> pFile = GetRedirectedFile(pcPath))
         pFile->Export(pRuntimeParam, pcExportPath);
 }
@@ -163,7 +163,7 @@ void CUtilities::ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
 void CUtilities::ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                           const char* pcExportPath, bool bMergeRange)
 {
-    const CMutexLock lock(m_hMutexRedirectedFiles);
+    const std::lock_guard lock(m_hMutexRedirectedFiles);
     if (const std::shared_ptr<CRedirectedFile> pFile = GetRedirectedFile(pcPath))
         pFile->ExportInfo(pRuntimeParam, pcExportPath, bMergeRange);
 }

@@ -208,30 +208,44 @@ TEST_F(NfsIpcClientRequests, Requests_WithoutAContext_BearTheControllersOwnID)
               (Lines{Request(1), Request(25) + Text("host") + Pad(4)}));
 }
 
-TEST_F(NfsIpcClientRequests, Requests_NullTexts_AreEmpty)
+// An empty text would mean something else to the server: every file, for one.
+TEST_F(NfsIpcClientRequests, Requests_AboutNothing_AreNotSent)
 {
     Serve();
-    ExpectSent([&] { m_pMain->AddMountPoint(nullptr, nullptr, nullptr); },
-               Request(5) + Path("") + Text("") + Text("host"));
-    ExpectSent([&] { m_pMain->RemoveMountPoint(nullptr); }, Request(6) + Path(""));
-    ExpectSent([&] { m_pMain->AddSessionInfo(nullptr, nullptr); },
-               Request(7) + Text("") + Path(""));
-    ExpectSent([&] { m_pMain->RemoveSessionInfo(nullptr); }, Request(8) + Text(""));
-    ExpectSent([&] { m_pMain->IsSessionExists(nullptr); }, Request(9) + Text(""));
-    ExpectSent([&] { m_pMain->OpenRedirectedFile(nullptr, 0, false, 0, 0); },
-               Request(10) + Path("") + Pad(24));
-    ExpectSent([&] { m_pMain->AddRedirectedFileSegment(nullptr, nullptr, 0, 0, 0, nullptr); },
-               Request(13) + Path("") + Path("") + Pad(24));
-    ExpectSent([&] { m_pMain->ExportRedirectedFile(nullptr, nullptr); },
-               Request(14) + Path("") + Path(""));
-    ExpectSent([&] { m_pMain->ExportRedirectedFileInfo(nullptr, nullptr, false); },
-               Request(15) + Path("") + Path("") + Pad(4));
-    ExpectSent([&] { m_pMain->RunTestMode(&m_param, nullptr, 0); },
-               Request(21) + Text("caller") + Field("", 3072) + Pad(8));
-    EXPECT_EQ(Sent([&] { m_pMain->AddVSphereInfo(nullptr, nullptr, nullptr, nullptr, nullptr); }),
-              (Lines{Request(1), Request(26) + Pad(1280)}));
-    EXPECT_EQ(Sent([&] { m_pMain->RemoveVSphereInfo(nullptr); }),
-              (Lines{Request(1), Request(27) + Pad(256)}));
+    const std::vector<std::function<void()>> vCalls = {
+        [&] { m_pMain->AddMountPoint(nullptr, "name", nullptr); },
+        [&] { m_pMain->AddMountPoint("", "name", nullptr); },
+        [&] { m_pMain->AddMountPoint("/folder", nullptr, nullptr); },
+        [&] { m_pMain->RemoveMountPoint(nullptr); },
+        [&] { m_pMain->AddSessionInfo(nullptr, "/folder"); },
+        [&] { m_pMain->RemoveSessionInfo(nullptr); },
+        [&] { m_pMain->IsSessionExists(nullptr); },
+        [&] { m_pMain->OpenRedirectedFile(nullptr, 0, false, 0, 0); },
+        [&] { m_pMain->CloseRedirectedFile(nullptr); },
+        [&] { m_pMain->CloseAllRedirectedFiles(nullptr); },
+        [&] { m_pMain->AddRedirectedFileSegment(nullptr, "/source", 0, 0, 0, nullptr); },
+        [&] { m_pMain->ExportRedirectedFile(nullptr, "/target"); },
+        [&] { m_pMain->ExportRedirectedFile("/file", nullptr); },
+        [&] { m_pMain->ExportRedirectedFileInfo(nullptr, "/target", false); },
+        [&] { m_pMain->ExportRedirectedFileInfo("/file", nullptr, false); },
+        [&] { m_pMain->CloseCachedFileHandle(nullptr); },
+        [&] { m_pMain->CloseAllCachedFileHandles(nullptr); },
+        [&] { m_pMain->RunTestMode(&m_param, nullptr, 0); },
+        [&] { m_pMain->AddVSphereInfo(nullptr, "h", "p", "u", "w"); },
+        [&] { m_pMain->RemoveVSphereInfo(nullptr); },
+    };
+    for (const std::function<void()>& call : vCalls)
+        EXPECT_EQ(Sent(call), Lines{});
+}
+
+TEST_F(NfsIpcClientRequests, Requests_OtherNullTexts_AreEmpty)
+{
+    Serve();
+    ExpectSent([&] { m_pMain->AddSessionInfo("id", nullptr); }, Request(7) + Text("id") + Path(""));
+    ExpectSent([&] { m_pMain->AddRedirectedFileSegment("/file", nullptr, 0, 0, 0, nullptr); },
+               Request(13) + Path("/file") + Path("") + Pad(24));
+    EXPECT_EQ(Sent([&] { m_pMain->AddVSphereInfo("id", nullptr, nullptr, nullptr, nullptr); }),
+              (Lines{Request(1), Request(26) + Text("id") + Pad(1024)}));
 }
 
 // ---- Texts that do not fit ----

@@ -19,8 +19,8 @@ TEST_F(NfsMain, Constructed_IsStoppedAndOwnsItsContext)
     EXPECT_FALSE(m_pMain->IsAutoShutdownEnabled());
     EXPECT_FALSE(m_pMain->IsAutoShutdownRequested());
     EXPECT_EQ(m_pMain->GetAccessMode(), 0);
-    EXPECT_EQ(m_pMain->GetCallback(), &m_recorder);
-    EXPECT_EQ(m_pMain->GetUtils()->GetCallback(), &m_recorder);
+    EXPECT_EQ(m_pMain->GetCallback().get(), &m_recorder);
+    EXPECT_EQ(m_pMain->GetUtils()->GetCallback().get(), &m_recorder);
 }
 
 TEST_F(NfsMain, VersionAndDescription_AreFixed)

@@ -370,7 +370,7 @@ TEST(UtilitiesSetters, HostAndLogFile_AreNullUntilSet)
     CFileLogger logger("/nowhere");
     utilities.SetCallback(&recorder);
     utilities.SetFileLogger(&logger);
-    EXPECT_EQ(utilities.GetCallback(), &recorder);
+    EXPECT_EQ(utilities.GetCallback().get(), &recorder);
     EXPECT_EQ(utilities.GetFileLogger(), &logger);
     utilities.SetCallback(nullptr);
     utilities.SetFileLogger(nullptr);

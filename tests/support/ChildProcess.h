@@ -104,6 +104,20 @@ public:
         return sResult;
     }
 
+    // The program's next line without its end, however long it takes; false at the end of its
+    // output. For a thread that does nothing but read.
+    bool ReadLine(std::string* psLine)
+    {
+        size_t iEnd = m_sOutput.find('\n');
+        while (iEnd == std::string::npos && ReadSome(NO_TIMEOUT))
+            iEnd = m_sOutput.find('\n');
+        if (iEnd == std::string::npos)
+            return false;
+        *psLine = m_sOutput.substr(0, iEnd);
+        m_sOutput.erase(0, iEnd + 1);
+        return true;
+    }
+
     // What the program writes until it closes its output. Only for pipes.
     std::string ReadToEnd()
     {
@@ -124,6 +138,7 @@ public:
 
 private:
     static constexpr int OUTPUT_TIMEOUT_MS = 30000;
+    static constexpr int NO_TIMEOUT = -1;
 
     bool Open()
     {
@@ -198,10 +213,10 @@ private:
     }
 
     // Appends what the program writes next; false at its end or after a long silence.
-    bool ReadSome()
+    bool ReadSome(int iTimeout = OUTPUT_TIMEOUT_MS)
     {
         struct pollfd poller = {m_Output.Get(), POLLIN, 0};
-        if (poll(&poller, 1, OUTPUT_TIMEOUT_MS) != 1)
+        if (poll(&poller, 1, iTimeout) != 1)
             return false;
         char cBuffer[4096];
         const ssize_t iRead = read(m_Output.Get(), cBuffer, sizeof(cBuffer));

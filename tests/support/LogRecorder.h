@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "Callback.h"
+#include "Host.h"
 
 // Collects every line as "info|ID|text", "error|ID|text" or "raw|ID|text", and every notification
 // likewise as "update|ID|...", "remove|ID|...", "rename|ID|..." or "write|ID|...", its arguments in
 // their order with bars between them. Install it with CUtilities::SetCallback.
 // Locking: safe from any thread; the results may be changed at any time.
-class CLogRecorder : public CCallback {
+class CLogRecorder : public IHost {
 public:
     // What the operations answer from here on.
     void SetTakesLines(bool bTakesLines) { m_bTakesLines = bTakesLines; }

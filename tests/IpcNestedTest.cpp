@@ -34,7 +34,7 @@ TEST_F(IpcNested, Client_AsksBeforeItAnswers_IsServed)
         sInner = relay::Ask(SERVER_CHANNEL, IsSessionExistsRequest("s1"));
         return relay::BoolReply(true);
     });
-    relay::ExpectReturns("the listing", [this] {
+    relay::ExpectReturns("the listing", [] {
         EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")),
                                   relay::IntReply(1)));
     });
@@ -199,7 +199,7 @@ protected:
 TEST_F(IpcNestedBothSides, ListingFromEachLineOfAListing_AllAreWhole)
 {
     StartClient(LOG_CONTROL_ERROR, 6);
-    relay::ExpectReturns("the listing", [] {
+    relay::ExpectReturns("the listing", [this] {
         EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")),
                                   relay::IntReply(1)));
         m_pClient->StopRemoteController();  // no line is under way any more

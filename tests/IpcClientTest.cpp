@@ -482,8 +482,8 @@ TEST_F(IpcClient, Reply_TextWithoutEnd_IsCut)
 
 TEST_F(IpcClient, SendRequest_DisturbedWhileItWaitsForTheReply_GoesOn)
 {
+    std::latch proceed(1);  // outlives the server, which waits for it
     CFakeIpcServer server;
-    std::latch proceed(1);
     server.SetHandler([&proceed](const std::string&) {
         proceed.wait();
         return MsgReply("late");
@@ -498,8 +498,8 @@ TEST_F(IpcClient, SendRequest_DisturbedWhileItWaitsForTheReply_GoesOn)
 
 TEST_F(IpcClient, SendRequest_ProcessIsToStop_DoesNotWaitForTheReply)
 {
+    std::latch proceed(1);  // outlives the server, which waits for it
     CFakeIpcServer server;
-    std::latch proceed(1);
     server.SetHandler([&proceed](const std::string&) {
         kill(getpid(), SIGTERM);
         proceed.wait();

@@ -31,6 +31,7 @@ void Rest()
 
 CNfsMain* GetController(jlong jHandle)
 {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): Java keeps a handle as a number
     return reinterpret_cast<CNfsMain*>(static_cast<uintptr_t>(jHandle));
 }
 

@@ -94,6 +94,17 @@ jmethodID FindMethod(JNIEnv* pEnv, jclass jClass, const char* pcName, const char
     return ClearException(pEnv) ? nullptr : jMethod;
 }
 
+// Lets operation make one call, if Java and the object can be reached; else -1.
+template <typename Operation>
+int CallHost(CCallback* pCallback, jobject jObj, Operation operation)
+{
+    if (jObj == nullptr)
+        return -1;
+    const CJavaCall call(pCallback);
+    JNIEnv* pEnv = call.GetEnv();
+    return pEnv == nullptr ? -1 : operation(pEnv);
+}
+
 // Calls a method that answers with an int and takes two texts first. -1 if it cannot be called or
 // throws.
 template <typename... Arguments>
@@ -234,60 +245,44 @@ int CCallback::UpdateRedirectedFileAttributes(const char* pcID, const char* pcPa
                                               unsigned long iAccessTimeSec, bool bLastModifiedTime,
                                               unsigned long iLastModifiedTimeSec)
 {
-    if (m_jObj == nullptr)
-        return -1;
-    const CJavaCall call(this);
-    JNIEnv* pEnv = call.GetEnv();
-    if (pEnv == nullptr)
-        return -1;
-    return CallForInt(pEnv, m_jObj, "setRedirectedFileAttributes",
-                      "(Ljava/lang/String;Ljava/lang/String;ZJZJZJ)I", pcID, pcPath, ToJava(bSize),
-                      static_cast<jlong>(iSize), ToJava(bAccessTime),
-                      static_cast<jlong>(iAccessTimeSec), ToJava(bLastModifiedTime),
-                      static_cast<jlong>(iLastModifiedTimeSec));
+    return CallHost(this, m_jObj, [&](JNIEnv* pEnv) {
+        return CallForInt(pEnv, m_jObj, "setRedirectedFileAttributes",
+                          "(Ljava/lang/String;Ljava/lang/String;ZJZJZJ)I", pcID, pcPath,
+                          ToJava(bSize), static_cast<jlong>(iSize), ToJava(bAccessTime),
+                          static_cast<jlong>(iAccessTimeSec), ToJava(bLastModifiedTime),
+                          static_cast<jlong>(iLastModifiedTimeSec));
+    });
 }
 
 int CCallback::RemoveRedirectedFile(const char* pcID, const char* pcPath)
 {
-    if (m_jObj == nullptr)
-        return -1;
-    const CJavaCall call(this);
-    JNIEnv* pEnv = call.GetEnv();
-    if (pEnv == nullptr)
-        return -1;
-    return CallForInt(pEnv, m_jObj, "removeRedirectedFile",
-                      "(Ljava/lang/String;Ljava/lang/String;)I", pcID, pcPath);
+    return CallHost(this, m_jObj, [&](JNIEnv* pEnv) {
+        return CallForInt(pEnv, m_jObj, "removeRedirectedFile",
+                          "(Ljava/lang/String;Ljava/lang/String;)I", pcID, pcPath);
+    });
 }
 
 int CCallback::RenameRedirectedFile(const char* pcID, const char* pcPathFrom, const char* pcPathTo)
 {
-    if (m_jObj == nullptr)
-        return -1;
-    const CJavaCall call(this);
-    JNIEnv* pEnv = call.GetEnv();
-    if (pEnv == nullptr)
-        return -1;
-    const CLocalRef<jstring> jPathTo(pEnv, NewText(pEnv, pcPathTo));
-    if (jPathTo.Get() == nullptr)
-        return -1;
-    return CallForInt(pEnv, m_jObj, "renameRedirectedFile",
-                      "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)I", pcID, pcPathFrom,
-                      jPathTo.Get());
+    return CallHost(this, m_jObj, [&](JNIEnv* pEnv) {
+        const CLocalRef<jstring> jPathTo(pEnv, NewText(pEnv, pcPathTo));
+        if (jPathTo.Get() == nullptr)
+            return -1;
+        return CallForInt(pEnv, m_jObj, "renameRedirectedFile",
+                          "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)I", pcID,
+                          pcPathFrom, jPathTo.Get());
+    });
 }
 
 int CCallback::WriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek,
                                    int iSeekType, unsigned int iLength)
 {
-    if (m_jObj == nullptr)
-        return -1;
-    const CJavaCall call(this);
-    JNIEnv* pEnv = call.GetEnv();
-    if (pEnv == nullptr)
-        return -1;
-    return CallForInt(pEnv, m_jObj, "writeRedirectedFile",
-                      "(Ljava/lang/String;Ljava/lang/String;JII)I", pcID, pcPath,
-                      static_cast<jlong>(iSeek), static_cast<jint>(iSeekType),
-                      static_cast<jint>(iLength));
+    return CallHost(this, m_jObj, [&](JNIEnv* pEnv) {
+        return CallForInt(pEnv, m_jObj, "writeRedirectedFile",
+                          "(Ljava/lang/String;Ljava/lang/String;JII)I", pcID, pcPath,
+                          static_cast<jlong>(iSeek), static_cast<jint>(iSeekType),
+                          static_cast<jint>(iLength));
+    });
 }
 
 void CCallback::ThrowIOException(const char* pcMessage)

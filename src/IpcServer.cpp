@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <memory>
 #include <poll.h>
 #include <sys/socket.h>
@@ -189,7 +188,6 @@ CIpcServer::WaitResult CIpcServer::WaitForRequest(CAutoFd* pConnection, int iOth
     for (;;) {
         std::vector<struct pollfd> vWaits = {{m_IpcServerInst.iSocket, POLLIN, 0},
                                              {iOther, POLLIN, 0}};
-        const auto iFirst = static_cast<std::ptrdiff_t>(vWaits.size());
         for (const CAutoFd& connection : m_vConnections)
             vWaits.push_back({connection.Get(), POLLIN, 0});
         if (!m_pWakePipe->WaitReadable(&vWaits, -1) || !m_bOpened)
@@ -200,11 +198,16 @@ CIpcServer::WaitResult CIpcServer::WaitForRequest(CAutoFd* pConnection, int iOth
         // Before anyone is served, for the queue of the listener is short.
         const bool bAccepted = vWaits[0].revents == 0 || AcceptConnections();
         const int iError = errno;
-        const auto itReady =
-            std::find_if(vWaits.begin() + iFirst, vWaits.end(),
-                         [](const struct pollfd& wait) { return wait.revents != 0; });
-        if (itReady != vWaits.end()) {
-            const auto it = m_vConnections.begin() + (itReady - vWaits.begin() - iFirst);
+        // Not by its place: where descriptors are short, others are gone by now. One that has
+        // something to say is not.
+        const auto it = std::find_if(
+            m_vConnections.begin(), m_vConnections.end(), [&vWaits](const CAutoFd& connection) {
+                return std::any_of(vWaits.begin(), vWaits.end(),
+                                   [&connection](const struct pollfd& wait) {
+                                       return wait.fd == connection.Get() && wait.revents != 0;
+                                   });
+            });
+        if (it != m_vConnections.end()) {
             *pConnection = std::move(*it);
             m_vConnections.erase(it);
             return WAIT_READY;

@@ -478,6 +478,25 @@ TEST_F(IpcServer, ReadRequest_WhileOpenIsAboutToFail_Fails)
 }
 #endif
 
+TEST_F(IpcServer, NoDescriptorLeft_TheOldestSilentPeerGoes_AndWhoSpokeIsServed)
+{
+    Open();
+    CIpcPeer silent(m_sChannel);
+    CIpcPeer speaker(m_sChannel);
+    EXPECT_TRUE(SameReply(Ask(Request(1)), MsgReply("1.2")));  // both are accepted beside it
+
+    speaker.Send(Request(3));
+    CIpcPeer late(m_sChannel);
+    g_iAcceptError = EMFILE;
+    EXPECT_TRUE(m_pServer->ReadRequest(m_cError)) << m_cError;
+    EXPECT_TRUE(SameReply(speaker.Read(), BoolReply(false)));
+    EXPECT_EQ(silent.Read(), "");
+
+    late.Send(Request(1));
+    EXPECT_TRUE(m_pServer->ReadRequest(m_cError)) << m_cError;
+    EXPECT_TRUE(SameReply(late.Read(), MsgReply("1.2")));
+}
+
 TEST_F(IpcServer, PeerThatIsGone_IsNotServed)
 {
     Open();

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <sched.h>
 #include <string>
 #include <thread>
 #include <utility>
@@ -203,18 +204,33 @@ protected:
 
     static constexpr unsigned int CLIENTS = 10;
 
+    // A connection that the server has taken. All its places are needed, and one whose client has
+    // gone is free only when the server has seen that.
+    static std::unique_ptr<CTcpClient> ConnectWhenThereIsRoom()
+    {
+        for (int iTries = 0; iTries < 10000; iTries++) {
+            auto pClient = std::make_unique<CTcpClient>(WIRE_NFS_PORT);
+            const RpcCall call = NfsCall(0, "");
+            if (pClient->Call(call).IsSuccess(call.iXid))
+                return pClient;
+            sched_yield();
+        }
+        ADD_FAILURE() << "there is no room";
+        return std::make_unique<CTcpClient>(WIRE_NFS_PORT);
+    }
+
     // The clients write that often between them, each over a connection of its own.
     static void WriteMany(const std::string& sHandle, long long iCount)
     {
         std::vector<std::thread> vClients;
         for (unsigned int i = 0; i < CLIENTS; i++)
             vClients.emplace_back([&sHandle, i, iCount] {
-                CTcpClient client(WIRE_NFS_PORT);
+                const std::unique_ptr<CTcpClient> pClient = ConnectWhenThereIsRoom();
                 RpcCall call = NfsCall(
                     WRITE, CXdr().Opaque(sHandle).Hyper(i).Word(4).Word(2).Opaque("data").Bytes());
                 for (long long j = 0; j < iCount / CLIENTS; j++) {
                     call.iXid++;
-                    CReply reply = client.Call(call);
+                    CReply reply = pClient->Call(call);
                     ASSERT_TRUE(reply.IsSuccess(call.iXid));
                     ASSERT_EQ(reply.Word(), 0U);
                 }

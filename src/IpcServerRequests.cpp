@@ -1,10 +1,9 @@
 // What each message asks of the controller, and the reply.
 #include "IpcServer.h"
 
-#include <cstring>
-
 #include "NfsMain.h"
 #include "RuntimeParam.h"
+#include "Text.h"
 #include "Utilities.h"
 
 namespace {
@@ -128,7 +127,7 @@ bool CIpcServer::ProcessExportRequest(IpcDataInst* pData, int iType)
                                      GetField(pInfo->cPort), GetField(pInfo->cUser),
                                      GetField(pInfo->cPwd));
         // The buffer is used again, and what a short message leaves of it could be read back.
-        memset(pInfo->cPwd, 0, sizeof(pInfo->cPwd));
+        WipeText(pInfo->cPwd, sizeof(pInfo->cPwd));
         break;
     }
     case IPC_REQUEST_TYPE_REMOVE_VSPHERE_INFO:

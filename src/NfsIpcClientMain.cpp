@@ -316,8 +316,12 @@ int CNfsIpcClientMain::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintD
 void CNfsIpcClientMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                     long long iFileSize)
 {
-    if (pcPath == nullptr)
+    if (pRuntimeParam == nullptr)
         return;
+    if (pcPath == nullptr) {  // no message can say so
+        CNfsMain::RunTestMode(pRuntimeParam, pcPath, iFileSize);
+        return;
+    }
     CExchange exchange(this);
     auto* pRequest =
         exchange.InitialRequest<IpcRequest_RunTestMode>(IPC_REQUEST_TYPE_RUN_TEST_MODE);

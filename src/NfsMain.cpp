@@ -326,8 +326,6 @@ void CNfsMain::RunTestMode(const char* pcPath, long long iFileSize)
 
 void CNfsMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, long long iFileSize)
 {
-    if (pcPath == nullptr)
-        return;
     m_pUtilities->RunTestMode(pRuntimeParam, pcPath, iFileSize);
 }
 

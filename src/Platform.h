@@ -21,6 +21,11 @@ unsigned long GetFileSystemType(const char* pcPath);
 // False, with pcBuffer untouched, if the system has no text. Safe from any thread.
 bool GetErrorText(int iError, char* pcBuffer, size_t iSize);
 
+// Copies the argument strings of this process into pcBuffer, each with its zero, as many bytes as
+// fit; the last byte is always zero. The first string is the name by which the process was started.
+// All of the buffer is zeros if the system cannot be asked.
+void GetProgramArguments(char* pcBuffer, size_t iSize);
+
 // One service transport of the ONC RPC library. It exists only to announce a service to the port
 // mapper of this machine: the library never receives a call on it, and the descriptor that it is
 // made from stays the caller's, open and untouched, when the transport goes.

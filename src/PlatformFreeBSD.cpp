@@ -5,8 +5,10 @@
 #include <cstdio>
 #include <cstring>
 #include <sys/param.h>
+#include <unistd.h>
 
-#include <sys/mount.h>  // needs the one above
+#include <sys/mount.h>   // needs sys/param.h
+#include <sys/sysctl.h>  // likewise
 
 namespace Platform {
 
@@ -26,6 +28,16 @@ bool GetErrorText(int iError, char* pcBuffer, size_t iSize)
         return false;
     snprintf(pcBuffer, iSize, "%s", cText);
     return true;
+}
+
+void GetProgramArguments(char* pcBuffer, size_t iSize)
+{
+    memset(pcBuffer, 0, iSize);
+    const int iName[] = {CTL_KERN, KERN_PROC, KERN_PROC_ARGS, getpid()};
+    size_t iLength = iSize - 1;
+    // ENOMEM: there are more than fit, and those that fit were copied.
+    if (sysctl(iName, 4, pcBuffer, &iLength, nullptr, 0) != 0 && errno != ENOMEM)
+        memset(pcBuffer, 0, iSize);
 }
 
 }  // namespace Platform

@@ -2,7 +2,8 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
+#include <cstring>    // explicit_bzero of Linux
+#include <strings.h>  // explicit_bzero of FreeBSD
 
 void CopyText(char* pcTarget, size_t iSize, const char* pcSource)
 {
@@ -12,6 +13,11 @@ void CopyText(char* pcTarget, size_t iSize, const char* pcSource)
     if (iLength > 0)
         memcpy(pcTarget, pcSource, iLength);
     pcTarget[iLength] = '\0';
+}
+
+void WipeText(char* pcText, size_t iSize)
+{
+    explicit_bzero(pcText, iSize);
 }
 
 void FormatReason(char* pcReason, const char* pcFormat, ...)

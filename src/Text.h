@@ -13,6 +13,9 @@ constexpr size_t REASON_SIZE = 2048;  // bytes of a reason buffer and of a log l
 // as the empty string; a null target or a size of 0 is left alone.
 void CopyText(char* pcTarget, size_t iSize, const char* pcSource);
 
+// Overwrites a secret of iSize bytes that is not needed any more.
+void WipeText(char* pcText, size_t iSize);
+
 // Null reads as the empty string.
 inline const char* NotNull(const char* pcText)
 {

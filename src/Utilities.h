@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -26,6 +27,7 @@
 class CFileLogger;
 class CFileTable;
 class CRedirectedFile;
+class CVSphereWebController;
 class IHost;
 struct stat;
 
@@ -187,13 +189,16 @@ public:
 
     // ---- Datastores on hypervisor hosts ----
 
-    // A second add of the same datastore replaces the first. The password is never printed.
+    // A second add of the same datastore replaces the first. The password is never printed. All
+    // three wait for the end of a clean-up, except where the host calls them from a call of its
+    // own.
     void AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
                         const char* pcUser, const char* pcPwd);
     void RemoveVSphereInfo(const char* pcDatastoreMoid);
     int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
 
-    // Removes the recorded datastores from their hosts. There is no clean-up yet: records stay.
+    // Takes the recorded datastores off their hosts, in the order of their IDs, and forgets them,
+    // whatever comes of it (see CVSphereWebController). Takes as long as the helper does.
     void RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam);
 
     // ---- File numbers and handles ----
@@ -383,9 +388,37 @@ public:
     void ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                   const char* pcExportPath, bool bMergeRange);
 
-    // ---- Self-test: there is none yet, so nothing runs ----
+    // ---- Self-test of the platform: each step writes one line, whatever the log control ----
 
+    // Does below pcDirPath, which must exist, what the server does to files, in a folder "_test" of
+    // its own that is gone in the end. A folder of that name which is there already is left alone.
+    // iFileSize, in bytes and above 0, is the size of the file that is written; it is sparse.
+    // Nothing happens without a context.
     void RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize);
+
+    // The parts of it that have several steps. The last two texts begin the line of a step that
+    // went well or did not. A step that needs an earlier one which failed says so and does nothing.
+
+    // Sets the size and looks whether it is there.
+    void RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                               long long iSize, const char* pcLabel, const char* pcOkText,
+                               const char* pcFailText);
+
+    // Writes up to 2,047 bytes at iPosition, or so far in front of it that they end within the
+    // file, reads them back and compares. iFile is not owned, its position moves.
+    void RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+                              long long iPosition, long long iFileSize, const char* pcOkText,
+                              const char* pcFailText);
+
+    // Sets the mode, whose bits for the file's type are those of the file, and looks whether it is
+    // there.
+    void RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                    const char* pcPath, unsigned int iMode, const char* pcOkText,
+                                    const char* pcFailText);
+
+    // Writes a number of bytes as people read it, such as "1.5KB", into pcOut of REASON_SIZE bytes.
+    // 1024 of a unit are still written in that unit.
+    static void GetPrintableFileSize(unsigned long long iBytes, char* pcOut);
 
 private:
     using LogOperation = void (CUtilities::*)(CRuntimeParam*, char*);
@@ -444,6 +477,12 @@ private:
     void DropRedirectedFiles(CRuntimeParam* pRuntimeParam);
     std::vector<std::string> GetRedirectedFilePaths();
 
+    void WaitForVSphereCleanUp();
+    std::optional<VSphereInfo> GetFirstVSphereInfo();
+    void EraseVSphereInfo(const char* pcDatastoreMoid);
+    void RemoveVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam,
+                                      CVSphereWebController* pController, const VSphereInfo& info);
+
     mutable CMutex m_hMutexCallback;  // held for one look-up or change
     std::vector<std::shared_ptr<IHost>> m_vCallbacks GUARDED_BY(m_hMutexCallback);  // oldest first
     CStopGrace m_StopGrace;
@@ -474,6 +513,7 @@ private:
     CMutex m_hMutexSessionInfos;
     std::map<std::string, SessionInfo> m_SessionInfos GUARDED_BY(m_hMutexSessionInfos);  // by ID
 
-    CMutex m_hMutexVSphereInfos;
+    CMutex m_hMutexVSphereCleanUp{HostCalls::ALLOWED};  // held for a whole clean-up
+    CMutex m_hMutexVSphereInfos;                        // held for one look-up or change
     std::map<std::string, VSphereInfo> m_VSphereInfos GUARDED_BY(m_hMutexVSphereInfos);  // by MOID
 };

@@ -1,4 +1,4 @@
-// The table of redirected files, and the self-test that is not there yet.
+// The table of redirected files.
 //
 // The host's operations hold m_hMutexRedirectedFiles for the whole of their run, however long an
 // export takes. The table itself has a mutex of its own beside it. What clients do takes only that:
@@ -167,5 +167,3 @@ void CUtilities::ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const ch
     if (const std::shared_ptr<CRedirectedFile> pFile = GetRedirectedFile(pcPath))
         pFile->ExportInfo(pRuntimeParam, pcExportPath, bMergeRange);
 }
-
-void CUtilities::RunTestMode(CRuntimeParam*, const char*, long long) {}

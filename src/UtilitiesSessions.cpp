@@ -1,4 +1,4 @@
-// Backup sessions, and the datastores that hypervisor hosts hold on our exports.
+// The table of backup sessions.
 #include "Utilities.h"
 
 void CUtilities::AddSessionInfo(const char* pcSessionID, const char* pcLocalPath)
@@ -45,31 +45,3 @@ int CUtilities::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
     }
     return iCount;
 }
-
-void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
-                                const char* pcUser, const char* pcPwd)
-{
-    const CMutexLock lock(m_hMutexVSphereInfos);
-    m_VSphereInfos[pcDatastoreMoid] = {pcDatastoreMoid, pcHost, pcPort, pcUser, pcPwd};
-}
-
-void CUtilities::RemoveVSphereInfo(const char* pcDatastoreMoid)
-{
-    const CMutexLock lock(m_hMutexVSphereInfos);
-    m_VSphereInfos.erase(pcDatastoreMoid);
-}
-
-int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
-{
-    const CMutexLock lock(m_hMutexVSphereInfos);
-    int iCount = 0;
-    for (const auto& [sMoid, info] : m_VSphereInfos) {
-        iCount++;
-        if (bPrintDetails)
-            LogRaw(pRuntimeParam, " NFS datastore%d - %s (%s:%s)", iCount,
-                   info.sDatastoreMoid.c_str(), info.sHost.c_str(), info.sPort.c_str());
-    }
-    return iCount;
-}
-
-void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam*) {}

@@ -2,7 +2,7 @@
 #pragma once
 
 // What the host application is told: log lines, and the changes that NFS clients make to
-// redirected files. At most one is installed in a CUtilities at a time.
+// redirected files. Of those installed in a CUtilities, the oldest is told.
 // Locking: operations are called from any thread, several at once, and may call back into the
 // library, except to start, stop or destroy what is calling them.
 class IHost {

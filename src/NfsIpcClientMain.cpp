@@ -404,6 +404,7 @@ void CNfsIpcClientMain::AddVSphereInfo(const char* pcDatastoreMoid, const char* 
     SetField(pRequest->cUser, pcUser);
     SetField(pRequest->cPwd, pcPwd);
     Send(&exchange);
+    WipeText(pRequest->cPwd, sizeof(pRequest->cPwd));
 }
 
 void CNfsIpcClientMain::RemoveVSphereInfo(const char* pcDatastoreMoid)

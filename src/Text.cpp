@@ -2,8 +2,8 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>    // explicit_bzero of Linux
-#include <strings.h>  // explicit_bzero of FreeBSD
+#include <cstring>
+#include <strings.h>  // systems have explicit_bzero here or in the one above
 
 void CopyText(char* pcTarget, size_t iSize, const char* pcSource)
 {

@@ -8,11 +8,11 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
 
+#include "CleanUpGate.h"
 #include "ExportIndex.h"
 #include "FolderPositions.h"
 #include "LogArgu.h"
@@ -478,8 +478,6 @@ private:
     std::vector<std::string> GetRedirectedFilePaths();
 
     void WaitForVSphereCleanUp();
-    std::optional<VSphereInfo> GetFirstVSphereInfo();
-    void EraseVSphereInfo(const char* pcDatastoreMoid);
     void RemoveVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam,
                                       CVSphereWebController* pController, const VSphereInfo& info);
 
@@ -513,7 +511,7 @@ private:
     CMutex m_hMutexSessionInfos;
     std::map<std::string, SessionInfo> m_SessionInfos GUARDED_BY(m_hMutexSessionInfos);  // by ID
 
-    CMutex m_hMutexVSphereCleanUp{HostCalls::ALLOWED};  // held for a whole clean-up
-    CMutex m_hMutexVSphereInfos;                        // held for one look-up or change
+    CCleanUpGate m_VSphereCleanUp;
+    CMutex m_hMutexVSphereInfos;
     std::map<std::string, VSphereInfo> m_VSphereInfos GUARDED_BY(m_hMutexVSphereInfos);  // by MOID
 };

@@ -38,6 +38,8 @@ public:
           m_pcFailText(pcFailText)
     {
     }
+    CTestSteps(const CTestSteps&) = delete;
+    CTestSteps& operator=(const CTestSteps&) = delete;
 
     // Names the step that comes next.
     void Begin(const char* pcFormat, ...) __attribute__((format(printf, 2, 3)))
@@ -49,6 +51,7 @@ public:
         m_cError[0] = '\0';
     }
     const char* GetStep() const { return m_cStep; }
+    const char* GetFailText() const { return m_pcFailText; }
 
     // Where the step's system call leaves its error, REASON_SIZE bytes.
     char* GetError() { return m_cError; }
@@ -83,11 +86,13 @@ public:
           m_pLogArgu(pLogArgu),
           m_sTarget(pcTarget),
           m_sFolder(m_sTarget + (m_sTarget.back() == '/' ? "" : "/") + "_test"),
-          m_sFile(m_sFolder + "/" + "test.bak"),
+          m_sFile(m_sFolder + "/test.bak"),
           m_sRenamedFile(m_sFile + "2"),
           m_steps(pUtilities, pRuntimeParam, OK_TEXT, FAIL_TEXT)
     {
     }
+    CSelfTest(const CSelfTest&) = delete;
+    CSelfTest& operator=(const CSelfTest&) = delete;
 
     const char* GetFolder() const { return m_sFolder.c_str(); }
 
@@ -270,7 +275,7 @@ TestRange FitIntoFile(long long iPosition, long long iFileSize)
         iPosition = iFileSize - iLength;
     } else {
         iPosition = 0;
-        iLength = iFileSize - 1;
+        iLength = std::max(iFileSize, 1LL) - 1;
     }
     return {iPosition, static_cast<int>(std::max(iLength, 0LL))};
 }
@@ -281,7 +286,6 @@ struct TestCall {
     CRuntimeParam* pRuntimeParam;
     LogArgu* pLogArgu;
     int iFile;
-    const char* pcFailText;
     CTestSteps* pSteps;
 };
 
@@ -293,8 +297,9 @@ bool TestSeek(const TestCall& call, long long iPosition)
     if (iResult == -1 || iResult == iPosition)
         return call.pSteps->End(iResult != -1);
     call.pUtilities->LogInfo(call.pRuntimeParam,
-                             "%s%s. Error=Position not match (current pos = %llu)", call.pcFailText,
-                             call.pSteps->GetStep(), static_cast<unsigned long long>(iResult));
+                             "%s%s. Error=Position not match (current pos = %llu)",
+                             call.pSteps->GetFailText(), call.pSteps->GetStep(),
+                             static_cast<unsigned long long>(iResult));
     return false;
 }
 
@@ -307,7 +312,7 @@ bool TestWrite(const TestCall& call, const char* pcData, int iLength)
         return call.pSteps->End(iResult != -1);
     call.pUtilities->LogInfo(call.pRuntimeParam,
                              "%s%s. Error=Data lenght not match (write length = %d)",
-                             call.pcFailText, call.pSteps->GetStep(), iResult);
+                             call.pSteps->GetFailText(), call.pSteps->GetStep(), iResult);
     return false;
 }
 
@@ -320,7 +325,7 @@ bool TestRead(const TestCall& call, char* pcData, int iLength)
         return call.pSteps->End(iResult != -1);
     call.pUtilities->LogInfo(call.pRuntimeParam,
                              "%s%s. Error=Data lenght not match (read length = %d)",
-                             call.pcFailText, call.pSteps->GetStep(), iResult);
+                             call.pSteps->GetFailText(), call.pSteps->GetStep(), iResult);
     return false;
 }
 
@@ -405,7 +410,7 @@ void CUtilities::RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLo
     memset(cData, TEST_DATA_BYTE, static_cast<size_t>(range.iLength));
 
     CTestSteps steps(this, pRuntimeParam, pcOkText, pcFailText);
-    const TestCall call = {this, pRuntimeParam, pLogArgu, iFile, pcFailText, &steps};
+    const TestCall call = {this, pRuntimeParam, pLogArgu, iFile, &steps};
     steps.Begin("File seek to position %llu", static_cast<unsigned long long>(range.iPosition));
     bool bDone = TestSeek(call, range.iPosition);
 

@@ -1,40 +1,51 @@
 // The datastores that hypervisor hosts hold on our exports, and their clean-up.
 //
-// A clean-up holds m_hMutexVSphereCleanUp for the whole of its run, which lasts as long as the
-// helper does. The table has a mutex of its own beside it, so that the lines of a clean-up, and
-// with them the host, are not under a mutex that an operation on the table needs.
+// A clean-up takes all records out of the table and goes through them, which lasts as long as the
+// helper takes. The table's mutex is not held meanwhile, for the clean-up tells the host, which may
+// want the table; operations on the table wait at a gate instead.
 #include "Utilities.h"
 
+#include <utility>
+
+#include "Text.h"
 #include "VSphereWebController.h"
 
-// An operation on the table comes before or after a clean-up. One that the host asks for from
-// within a call does not wait: the clean-up may be what made the call, or wait for it.
+namespace {
+
+// A record that is not needed any more leaves no password behind in memory.
+void WipePassword(VSphereInfo* pInfo)
+{
+    WipeText(pInfo->sPwd.data(), pInfo->sPwd.size());
+}
+
+}  // namespace
+
+// Not where the host asks from within a call: the clean-up may be what made the call.
 void CUtilities::WaitForVSphereCleanUp()
 {
-    if (IsInsideCallback())
-        return;
-    const CMutexLock lock(m_hMutexVSphereCleanUp);
+    if (!IsInsideCallback())
+        m_VSphereCleanUp.Wait();
 }
 
 void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
                                 const char* pcUser, const char* pcPwd)
 {
     WaitForVSphereCleanUp();
+    VSphereInfo info = {pcDatastoreMoid, pcHost, pcPort, pcUser, pcPwd};
     const CMutexLock lock(m_hMutexVSphereInfos);
-    m_VSphereInfos.erase(pcDatastoreMoid);
-    m_VSphereInfos[pcDatastoreMoid] = {pcDatastoreMoid, pcHost, pcPort, pcUser, pcPwd};
+    std::swap(m_VSphereInfos[pcDatastoreMoid], info);
+    WipePassword(&info);  // the former one's
 }
 
 void CUtilities::RemoveVSphereInfo(const char* pcDatastoreMoid)
 {
     WaitForVSphereCleanUp();
-    EraseVSphereInfo(pcDatastoreMoid);
-}
-
-void CUtilities::EraseVSphereInfo(const char* pcDatastoreMoid)
-{
     const CMutexLock lock(m_hMutexVSphereInfos);
-    m_VSphereInfos.erase(pcDatastoreMoid);
+    const auto it = m_VSphereInfos.find(pcDatastoreMoid);
+    if (it == m_VSphereInfos.end())
+        return;
+    WipePassword(&it->second);
+    m_VSphereInfos.erase(it);
 }
 
 int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
@@ -51,27 +62,28 @@ int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
     return iCount;
 }
 
+// A record that the host adds meanwhile, from a call of it, is left to the next clean-up: a host
+// that answers each line with another record does not keep the server from stopping.
 void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam)
 {
-    const CMutexLock lock(m_hMutexVSphereCleanUp);
-    CVSphereWebController controller;
-    for (bool bFirst = true;; bFirst = false) {
-        const std::optional<VSphereInfo> info = GetFirstVSphereInfo();
-        if (!info.has_value())
-            return;
-        if (bFirst)
-            LogInfo(pRuntimeParam, "Start cleanup mounted NFS datastores");
-        RemoveVSphereInfoWithWebCtrl(pRuntimeParam, &controller, *info);
-        EraseVSphereInfo(info->sDatastoreMoid.c_str());
+    WaitForVSphereCleanUp();
+    const CCleanUpGate::CRun run(m_VSphereCleanUp);
+    std::map<std::string, VSphereInfo> infos;
+    {
+        const CMutexLock lock(m_hMutexVSphereInfos);
+        infos.swap(m_VSphereInfos);
     }
-}
-
-std::optional<VSphereInfo> CUtilities::GetFirstVSphereInfo()
-{
-    const CMutexLock lock(m_hMutexVSphereInfos);
-    if (m_VSphereInfos.empty())
-        return std::nullopt;
-    return m_VSphereInfos.begin()->second;
+    if (infos.empty())
+        return;
+    CVSphereWebController controller;
+    {
+        const CCleanUpGate::CTelling telling(m_VSphereCleanUp);
+        LogInfo(pRuntimeParam, "Start cleanup mounted NFS datastores");
+    }
+    for (auto& [sMoid, info] : infos) {
+        RemoveVSphereInfoWithWebCtrl(pRuntimeParam, &controller, info);
+        WipePassword(&info);
+    }
 }
 
 void CUtilities::RemoveVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam,
@@ -83,12 +95,17 @@ void CUtilities::RemoveVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam,
     const char* pcPort = info.sPort.c_str();
     const char* pcUser = info.sUser.c_str();
     const char* pcPwd = info.sPwd.c_str();
-    LogInfo(pRuntimeParam, "Unmount NFS datastore with MOID \"%s\" on host \"%s:%s\"", pcMoid,
-            pcHost, pcPort);
-    if (CVSphereWebController::HasRoom(pcMoid, pcHost, pcPort, pcUser, pcPwd))
+    const bool bRoom = CVSphereWebController::HasRoom(pcMoid, pcHost, pcPort, pcUser, pcPwd);
+    {
+        const CCleanUpGate::CTelling telling(m_VSphereCleanUp);
+        LogInfo(pRuntimeParam, "Unmount NFS datastore with MOID \"%s\" on host \"%s:%s\"", pcMoid,
+                pcHost, pcPort);
+        if (!bRoom)
+            LogError(pRuntimeParam,
+                     "Skip NFS datastore with MOID \"%s\". Reason=Command line would exceed %zu "
+                     "bytes",
+                     pcMoid, CVSphereWebController::COMMAND_SIZE - 1);
+    }
+    if (bRoom)
         pController->RemoveSession(pcMoid, pcHost, pcPort, pcUser, pcPwd);
-    else
-        LogError(pRuntimeParam,
-                 "Skip NFS datastore with MOID \"%s\". Reason=Command line would exceed %zu bytes",
-                 pcMoid, CVSphereWebController::COMMAND_SIZE - 1);
 }

@@ -3,15 +3,10 @@
 
 #include <string>
 
-#include "Text.h"
-
 struct VSphereInfo {
     std::string sDatastoreMoid;  // managed-object ID; the table's key
     std::string sHost;
     std::string sPort;
     std::string sUser;
     std::string sPwd;  // only handed on to the clean-up, never written anywhere
-
-    // The password does not stay behind in memory.
-    ~VSphereInfo() { WipeText(sPwd.data(), sPwd.size()); }
 };

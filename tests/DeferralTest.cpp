@@ -592,7 +592,7 @@ TEST_F(CountingHost, Listing_ForASlowClient_KeepsNobodyWaiting)
         if (!bDone)
             m_utilities.AddSessionInfo("more", "/y");
         bDone = true;
-        return relay::BoolReply(true);
+        return BoolReply(true);
     });
     relay::ExpectReturns("GetSessionInfo",
                          [this] { EXPECT_EQ(m_utilities.GetSessionInfo(&m_param, true), COUNT); });

@@ -14,8 +14,6 @@
 #include "WireClient.h"
 
 using Lines = std::vector<std::string>;
-using relay::Field;
-using relay::Int32;
 
 namespace {
 
@@ -30,11 +28,10 @@ protected:
         m_Folder.Write("disk", "");
         m_main.SetLogControl(iLogControl);
         ASSERT_TRUE(m_main.StartServer(0, 0, 0, 0, false, cReason)) << cReason;
-        ASSERT_TRUE(
-            relay::IsSame(relay::Ask(SERVER_CHANNEL, relay::Header(relay::REQUEST, 5) +
-                                                         Field(m_Folder.Path(), 1024) +
-                                                         Field("vm1", 256) + Field("a", 256)),
-                          relay::BoolReply(true)));
+        ASSERT_TRUE(SameMessage(relay::Ask(SERVER_CHANNEL, Header(GROUP_REQUEST, 5) +
+                                                               Field(m_Folder.Path(), 1024) +
+                                                               Field("vm1", 256) + Field("a", 256)),
+                                BoolReply(true)));
         m_main.OpenRedirectedFile(m_Folder.Path("disk").c_str(), 100, false, 0, 0);
     }
 
@@ -93,10 +90,10 @@ TEST_F(IpcNestedNfs, Write_AnsweredByTheOwner_Succeeds)
     const Lines vMessages = peer.Messages();
     ASSERT_EQ(vMessages.size(), 1U);
     // What happens in an export happens under its name.
-    EXPECT_TRUE(relay::IsSame(vMessages[0], relay::Header(relay::CALLBACK, relay::WRITE) +
-                                                Field("vm1", relay::ID) +
-                                                Field(m_Folder.Path("disk"), relay::PATH) +
-                                                relay::Word(8, 8) + Int32(0) + Int32(3)));
+    EXPECT_TRUE(SameMessage(vMessages[0], Header(GROUP_CALLBACK, relay::WRITE) +
+                                              Field("vm1", TEXT_FIELD) +
+                                              Field(m_Folder.Path("disk"), PATH_FIELD) +
+                                              Word(8, 8) + Int32(0) + Int32(3)));
     EXPECT_EQ(other.Messages(), Lines{});
     EXPECT_EQ(m_Host.Notifications(), Lines{});
 }
@@ -128,13 +125,12 @@ TEST_F(IpcNestedNfs, Write_OwnerAsksBeforeItAnswers_Succeeds)
     ASSERT_EQ(lookup.Word(), 0U);
     const CRelayPeer peer("a", [](const std::string& sMessage) {
         if (relay::IsLine(sMessage))
-            return relay::BoolReply(true);
-        EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, IsSessionExistsRequest("s1")),
-                                  relay::BoolReply(true)));
+            return BoolReply(true);
         EXPECT_TRUE(
-            relay::IsSame(relay::Ask(SERVER_CHANNEL, relay::Header(relay::REQUEST, 18) + Int32(1)),
-                          relay::BoolReply(true)));
-        return relay::IntReply(3);
+            SameMessage(relay::Ask(SERVER_CHANNEL, IsSessionExistsRequest("s1")), BoolReply(true)));
+        EXPECT_TRUE(SameMessage(relay::Ask(SERVER_CHANNEL, Header(GROUP_REQUEST, 18) + Int32(1)),
+                                BoolReply(true)));
+        return IntReply(3);
     });
     relay::ExpectReturns("the write", [&] {
         EXPECT_EQ(CallOnce(WIRE_NFS_PORT, WriteCall(lookup.Opaque())).Word(), 0U);
@@ -160,10 +156,10 @@ TEST_F(IpcNestedNfs, StopServer_WhileAListingIsRelayed_LeavesThatWhole)
     relay::ExpectReturns("StopServer", [this] { m_main.StopServer(); });
     EXPECT_TRUE(m_Host.WaitFor(GAVE_UP));  // about the frozen one
     const size_t iGaveUp = m_Host.Count(GAVE_UP);
-    peer.Answer(relay::BoolReply(true));
+    peer.Answer(BoolReply(true));
     EXPECT_EQ(peer.Take(), "raw|svr| session2 - s2 : /y");
-    peer.Answer(relay::BoolReply(true));
-    EXPECT_TRUE(relay::IsSame(listing.Read(), relay::IntReply(2)));
+    peer.Answer(BoolReply(true));
+    EXPECT_TRUE(SameMessage(listing.Read(), IntReply(2)));
     EXPECT_EQ(m_Host.Count(GAVE_UP), iGaveUp);
 }
 

@@ -32,13 +32,13 @@ TEST_F(IpcNested, Client_AsksBeforeItAnswers_IsServed)
     std::string sInner;
     const CRelayPeer peer("a", [&](const std::string&) {
         sInner = relay::Ask(SERVER_CHANNEL, IsSessionExistsRequest("s1"));
-        return relay::BoolReply(true);
+        return BoolReply(true);
     });
     relay::ExpectReturns("the listing", [] {
-        EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")),
-                                  relay::IntReply(1)));
+        EXPECT_TRUE(
+            SameMessage(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")), IntReply(1)));
     });
-    EXPECT_TRUE(relay::IsSame(sInner, relay::BoolReply(true)));
+    EXPECT_TRUE(SameMessage(sInner, BoolReply(true)));
     EXPECT_EQ(peer.Descriptions(), Lines{LINE});
 }
 
@@ -48,14 +48,14 @@ TEST_F(IpcNested, Client_AsksForMoreBeforeItAnswers_EachListingIsWhole)
     for (int i = 2; i <= 5; i++)
         m_main.AddSessionInfo(("s" + std::to_string(i)).c_str(), "/x");
     const CRelayPeer peer("a", [](const std::string&) {
-        EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, SessionListingRequest("b")),
-                                  relay::IntReply(5)));
-        return relay::BoolReply(true);
+        EXPECT_TRUE(
+            SameMessage(relay::Ask(SERVER_CHANNEL, SessionListingRequest("b")), IntReply(5)));
+        return BoolReply(true);
     });
     const CRelayPeer other("b");
     relay::ExpectReturns("the listing", [] {
-        EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")),
-                                  relay::IntReply(5)));
+        EXPECT_TRUE(
+            SameMessage(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")), IntReply(5)));
     });
     EXPECT_EQ(peer.Messages().size(), 5U);
     EXPECT_EQ(other.Messages().size(), 25U);
@@ -66,13 +66,13 @@ TEST_F(IpcNested, OtherClient_WhileOneThinks_IsServed)
     CHandPeer peer("a");
     relay::CAsking listing(SERVER_CHANNEL, SessionListingRequest("a"));
     EXPECT_EQ(peer.Take(), LINE);
-    EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, IsSessionExistsRequest("s2")),
-                              relay::BoolReply(false)));
-    EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, IsSessionExistsRequest("s1")),
-                              relay::BoolReply(true)));
+    EXPECT_TRUE(
+        SameMessage(relay::Ask(SERVER_CHANNEL, IsSessionExistsRequest("s2")), BoolReply(false)));
+    EXPECT_TRUE(
+        SameMessage(relay::Ask(SERVER_CHANNEL, IsSessionExistsRequest("s1")), BoolReply(true)));
     EXPECT_FALSE(listing.IsAnswered());
-    peer.Answer(relay::BoolReply(true));
-    EXPECT_TRUE(relay::IsSame(listing.Read(), relay::IntReply(1)));
+    peer.Answer(BoolReply(true));
+    EXPECT_TRUE(SameMessage(listing.Read(), IntReply(1)));
 }
 
 // One that says nothing keeps neither those waiting who speak, nor the request in hand.
@@ -82,10 +82,10 @@ TEST_F(IpcNested, SilentClient_WhileOneThinks_KeepsNobodyWaiting)
     relay::CAsking listing(SERVER_CHANNEL, SessionListingRequest("a"));
     EXPECT_EQ(peer.Take(), LINE);
     relay::CAsking silent(SERVER_CHANNEL, "");
-    EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, IsSessionExistsRequest("s1")),
-                              relay::BoolReply(true)));
-    peer.Answer(relay::BoolReply(true));
-    EXPECT_TRUE(relay::IsSame(listing.Read(), relay::IntReply(1)));
+    EXPECT_TRUE(
+        SameMessage(relay::Ask(SERVER_CHANNEL, IsSessionExistsRequest("s1")), BoolReply(true)));
+    peer.Answer(BoolReply(true));
+    EXPECT_TRUE(SameMessage(listing.Read(), IntReply(1)));
     EXPECT_FALSE(silent.IsAnswered());
 }
 
@@ -99,8 +99,8 @@ TEST_F(IpcNested, FailureMeanwhile_IsLoggedAndCostsNothingElse)
     }
     EXPECT_TRUE(m_Host.WaitFor("error|svr|[IpcServer.SendRequest] Fail to read ipc request. "
                                "Connection reset by peer (104)"));
-    peer.Answer(relay::BoolReply(true));
-    EXPECT_TRUE(relay::IsSame(listing.Read(), relay::IntReply(1)));
+    peer.Answer(BoolReply(true));
+    EXPECT_TRUE(SameMessage(listing.Read(), IntReply(1)));
 }
 
 // ---- Both sides ----
@@ -200,8 +200,8 @@ TEST_F(IpcNestedBothSides, ListingFromEachLineOfAListing_AllAreWhole)
 {
     StartClient(LOG_CONTROL_ERROR, 6);
     relay::ExpectReturns("the listing", [this] {
-        EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")),
-                                  relay::IntReply(1)));
+        EXPECT_TRUE(
+            SameMessage(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")), IntReply(1)));
         m_pClient->StopRemoteController();  // no line is under way any more
     });
     EXPECT_EQ(m_pAsking->Results(), std::vector<int>(6, 1));
@@ -213,12 +213,12 @@ TEST_F(IpcNestedBothSides, ListingFromEveryLine_EndsByItself)
 {
     StartClient(LOG_CONTROL_ERROR, 1000000);
     relay::ExpectReturns("the listing", [] {
-        EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")),
-                                  relay::IntReply(1)));
+        EXPECT_TRUE(
+            SameMessage(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")), IntReply(1)));
     });
     m_pAsking->SetDepth(0);
-    EXPECT_TRUE(relay::IsSame(relay::Ask("/tmp/nfs-a", relay::Line("svr", "last", relay::INFO)),
-                              relay::BoolReply(true)));  // whatever was under way is done
+    EXPECT_TRUE(SameMessage(relay::Ask("/tmp/nfs-a", relay::Line("svr", "last", relay::INFO)),
+                            BoolReply(true)));  // whatever was under way is done
     EXPECT_GT(m_pAsking->Count(LINE), 10U);
 
     // And both go on as before.
@@ -232,8 +232,8 @@ TEST_F(IpcNestedBothSides, ListingFromATraceOfTheChannel_DoesNotHang)
 {
     StartClient(LOG_EVERYTHING, 1);
     relay::ExpectReturns("the listing", [] {
-        EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")),
-                                  relay::IntReply(1)));
+        EXPECT_TRUE(
+            SameMessage(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")), IntReply(1)));
     });
     m_pAsking->SetDepth(0);
     WaitForLines(2);
@@ -246,8 +246,8 @@ TEST_F(IpcNestedBothSides, ListingFromTheLineOfAFailedRequest_DoesNotHang)
         const relay::CAsking gone("/tmp/nfs-a", "");
     }
     relay::ExpectReturns("the listing", [] {
-        EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")),
-                                  relay::IntReply(1)));
+        EXPECT_TRUE(
+            SameMessage(relay::Ask(SERVER_CHANNEL, SessionListingRequest("a")), IntReply(1)));
     });
     WaitForLines(2);
     m_pClient->StopRemoteController();
@@ -290,13 +290,13 @@ TEST_F(IpcNestedLimit, Beyond_WaitsUntilOneIsDone)
     FillUp();
     relay::CAsking further(SERVER_CHANNEL, IsSessionExistsRequest("s1"));
     ExpectUnanswered(&further);
-    m_Peer.Answer(relay::BoolReply(true));
-    EXPECT_TRUE(relay::IsSame(m_vListings.back()->Read(), relay::IntReply(1)));
-    EXPECT_TRUE(relay::IsSame(further.Read(), relay::BoolReply(true)));
+    m_Peer.Answer(BoolReply(true));
+    EXPECT_TRUE(SameMessage(m_vListings.back()->Read(), IntReply(1)));
+    EXPECT_TRUE(SameMessage(further.Read(), BoolReply(true)));
     m_vListings.pop_back();
     while (m_Peer.CountOpen() > 0) {
-        m_Peer.Answer(relay::BoolReply(true));
-        EXPECT_TRUE(relay::IsSame(m_vListings.back()->Read(), relay::IntReply(1)));
+        m_Peer.Answer(BoolReply(true));
+        EXPECT_TRUE(SameMessage(m_vListings.back()->Read(), IntReply(1)));
         m_vListings.pop_back();
     }
 }
@@ -307,7 +307,7 @@ TEST_F(IpcNestedLimit, Close_AllInHandWait_EndsThem)
     relay::ExpectReturns("StopRemoteController", [this] { m_main.StopRemoteController(); });
     EXPECT_EQ(m_Host.Count(GAVE_UP), MAX_SERVING);
     for (const auto& pListing : m_vListings)
-        EXPECT_TRUE(relay::IsSame(pListing->Read(), relay::IntReply(1)));
+        EXPECT_TRUE(SameMessage(pListing->Read(), IntReply(1)));
 }
 
 // ---- Stopping ----
@@ -324,7 +324,7 @@ TEST_F(IpcNested, Close_ClientNeverAnswersManyLines_EndsThemAll)
     EXPECT_EQ(m_Host.Count("raw|svr| session"), 501U);  // here, none is lost
     EXPECT_EQ(m_Host.Count("error|svr|[IpcClient.SendRequest] "), 501U);
     EXPECT_EQ(m_Host.Lines()[1], std::string("error|svr|") + GAVE_UP);
-    EXPECT_TRUE(relay::IsSame(listing.Read(), relay::IntReply(501)));
+    EXPECT_TRUE(SameMessage(listing.Read(), IntReply(501)));
 
     // And the next stop gives as much time as the first did: an answer in time is taken.
     StartController();
@@ -336,9 +336,9 @@ TEST_F(IpcNested, Close_ClientNeverAnswersManyLines_EndsThemAll)
     EXPECT_EQ(later.Take(), LINE);
     std::thread stopping([this] { m_main.StopRemoteController(); });
     poll(nullptr, 0, 300);  // the stop is under way; the client thinks for a moment longer
-    later.Answer(relay::BoolReply(true));
+    later.Answer(BoolReply(true));
     stopping.join();
-    EXPECT_TRUE(relay::IsSame(second.Read(), relay::IntReply(1)));
+    EXPECT_TRUE(SameMessage(second.Read(), IntReply(1)));
     EXPECT_EQ(m_Host.Lines(), Lines{LINE});
 }
 
@@ -349,12 +349,12 @@ TEST_F(IpcNested, AutoShutdown_WhileARelayWaits_IsRequestedAndCanBeFollowed)
     relay::CFrozenPeer peer("a");
     relay::CAsking listing(SERVER_CHANNEL, SessionListingRequest("a"));
     peer.WaitForMessage();
-    EXPECT_TRUE(relay::IsSame(relay::Ask(SERVER_CHANNEL, relay::Header(relay::REQUEST, 22)),
-                              relay::BoolReply(true)));
+    EXPECT_TRUE(
+        SameMessage(relay::Ask(SERVER_CHANNEL, Header(GROUP_REQUEST, 22)), BoolReply(true)));
     relay::ExpectReturns("the controller", [this] {
         while (!m_main.IsAutoShutdownRequested())
             std::this_thread::yield();
     });
     relay::ExpectReturns("StopRemoteController", [this] { m_main.StopRemoteController(); });
-    EXPECT_TRUE(relay::IsSame(listing.Read(), relay::IntReply(1)));
+    EXPECT_TRUE(SameMessage(listing.Read(), IntReply(1)));
 }

@@ -407,8 +407,8 @@ TEST_F(JavaRelay, Client_Frozen_DoesNotKeepTheServerFromStopping)
     // A listing for it, and then the channel.
     s_pServer->Native("addSession", "\"s1\"", "\"/x\"");
     s_pServer->Java().Clear();
-    const relay::CAsking listing("/tmp/nfs-server", relay::Header(relay::REQUEST, 20) +
-                                                        relay::Field("a", 256) + relay::Int32(1));
+    const relay::CAsking listing("/tmp/nfs-server",
+                                 Header(GROUP_REQUEST, 20) + Field("a", 256) + Int32(1));
     EXPECT_TRUE(s_pServer->Java().WaitFor(pcWaiting));
     EXPECT_EQ(s_pServer->Native("stopRemoteController"), "void");
     EXPECT_EQ(s_pServer->Java().CountHaving(pcGaveUp), 1U);

@@ -230,7 +230,8 @@ TEST_F(NfsIpcClientRequests, Requests_AboutNothing_AreNotSent)
         [&] { m_pMain->ExportRedirectedFileInfo("/file", nullptr, false); },
         [&] { m_pMain->CloseCachedFileHandle(nullptr); },
         [&] { m_pMain->CloseAllCachedFileHandles(nullptr); },
-        [&] { m_pMain->RunTestMode(&m_param, nullptr, 0); },
+        [&] { m_pMain->RunTestMode(&m_param, nullptr, 1); },  // is answered here
+        [&] { m_pMain->RunTestMode(nullptr, "/folder", 1); },
         [&] { m_pMain->AddVSphereInfo(nullptr, "h", "p", "u", "w"); },
         [&] { m_pMain->RemoveVSphereInfo(nullptr); },
     };

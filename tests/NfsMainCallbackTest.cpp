@@ -243,15 +243,14 @@ TEST_F(NfsMainCallback, StopRemoteController_FromTheChannelsOwnThread_IsRefused)
     ASSERT_TRUE(m_pMain->StartRemoteController(m_cReason)) << m_cReason;
     m_Host.SetAction([this] { m_pMain->StopRemoteController(); });
     relay::ExpectReturns("the exchange", [] {
-        EXPECT_TRUE(
-            relay::IsSame(relay::Ask("/tmp/nfs-host", relay::Line("svr", "line", relay::INFO)),
-                          relay::BoolReply(true)));
+        EXPECT_TRUE(SameMessage(
+            relay::Ask("/tmp/nfs-host", relay::Line("svr", "line", relay::INFO)), BoolReply(true)));
     });
     const Lines vWanted = {"info|svr|line", "error|host|[NfsIpcServerMain.StopRemoteController] "
                                             "Cannot be called from a callback."};
     EXPECT_EQ(m_Host.Lines(), vWanted);
-    EXPECT_TRUE(relay::IsSame(relay::Ask("/tmp/nfs-host", relay::Line("svr", "next", relay::INFO)),
-                              relay::BoolReply(true)));
+    EXPECT_TRUE(SameMessage(relay::Ask("/tmp/nfs-host", relay::Line("svr", "next", relay::INFO)),
+                            BoolReply(true)));
 }
 
 TEST_F(NfsMainCallback, Refusal_ErrorsNotWanted_LeavesNoLine)
@@ -480,11 +479,13 @@ TEST_P(NfsMainNull, Everything_WithNothingToBeAbout_DoesNothing)
     m_pMain->ExportRedirectedFileInfo(nullptr, nullptr, true);
     m_pMain->CloseCachedFileHandle(nullptr);
     m_pMain->CloseAllCachedFileHandles(nullptr);
-    m_pMain->RunTestMode(nullptr, 1);
+    m_pMain->RunTestMode(nullptr, sFile.c_str(), 1);
     m_pMain->AddVSphereInfo(nullptr, "h", "1", "u", "p");
     m_pMain->RemoveVSphereInfo(nullptr);
 
     EXPECT_EQ(m_Host.Lines(), Lines{});
+    m_pMain->RunTestMode(nullptr, 1);
+    EXPECT_TRUE(m_Host.Contains("Error=Target directory is NULL"));
     EXPECT_EQ(m_pOwner->GetMountInfo(false, false), 1);
     EXPECT_EQ(m_pOwner->GetSessionInfo(false), 1);
     EXPECT_EQ(m_pOwner->GetVSphereInfo(false), 1);

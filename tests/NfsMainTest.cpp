@@ -1,5 +1,6 @@
 #include "NfsMain.h"
 
+#include <algorithm>
 #include <filesystem>
 
 #include <gtest/gtest.h>
@@ -277,11 +278,18 @@ TEST_F(NfsMain, RedirectedFiles_AreAssembledExportedAndClosed)
     EXPECT_EQ(m_recorder.Notifications(), Lines{});
 }
 
-TEST_F(NfsMain, RunTestMode_TouchesNothing)
+TEST_F(NfsMain, RunTestMode_TellsWhoAsked)
 {
     CRuntimeParam other("other", 0);
     m_pMain->RunTestMode(m_folder.Path().c_str(), 1024);
     m_pMain->RunTestMode(&other, m_folder.Path().c_str(), 1024);
     EXPECT_TRUE(std::filesystem::is_empty(m_folder.Path()));
-    EXPECT_EQ(m_recorder.Lines(), Lines{});
+    const Lines vLines = m_recorder.Lines();
+    const std::string sRuler(31, '=');
+    const auto CountRuns = [&](const std::string& sID) {
+        return std::count(vLines.begin(), vLines.end(),
+                          "info|" + sID + "|" + sRuler + " START TEST " + sRuler);
+    };
+    EXPECT_EQ(CountRuns("host"), 1);
+    EXPECT_EQ(CountRuns("other"), 1);
 }

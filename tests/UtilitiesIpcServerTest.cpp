@@ -20,8 +20,6 @@
 #include "Text.h"
 
 using Lines = std::vector<std::string>;
-using relay::Field;
-using relay::Int32;
 
 namespace {
 
@@ -78,9 +76,9 @@ TEST_F(UtilitiesIpcServer, Log_WithClient_SendsTheWholeMessageOfEachKind)
     LogAll(&m_param);
     const Lines vMessages = peer.Messages();
     ASSERT_EQ(vMessages.size(), 3U);
-    EXPECT_TRUE(relay::IsSame(vMessages[0], relay::Line("svr", "one", relay::INFO)));
-    EXPECT_TRUE(relay::IsSame(vMessages[1], relay::Line("svr", "two", relay::ERROR)));
-    EXPECT_TRUE(relay::IsSame(vMessages[2], relay::Line("svr", "three", relay::RAW)));
+    EXPECT_TRUE(SameMessage(vMessages[0], relay::Line("svr", "one", relay::INFO)));
+    EXPECT_TRUE(SameMessage(vMessages[1], relay::Line("svr", "two", relay::ERROR)));
+    EXPECT_TRUE(SameMessage(vMessages[2], relay::Line("svr", "three", relay::RAW)));
     EXPECT_EQ(vMessages[0].size(), 2324U);
 }
 
@@ -91,7 +89,7 @@ TEST_F(UtilitiesIpcServer, Log_WithClient_IsLoggedHereFirst)
         const CRelayPeer peer("a", [&](const std::string&) {
             const Lines vLines = m_recorder.Lines();
             vBefore.push_back(vLines.empty() ? "(none)" : vLines.back());
-            return relay::BoolReply(true);
+            return BoolReply(true);
         });
         LogAll(&m_param);
     }
@@ -129,8 +127,7 @@ TEST_F(UtilitiesIpcServer, Log_NoHostAndNoLogFileHere_IsPrinted)
 // What the client answers to a line is all the same.
 TEST_F(UtilitiesIpcServer, Log_AnyAnswer_IsIgnored)
 {
-    for (const std::string& sReply :
-         Lines{relay::BoolReply(false), relay::IntReply(-1), relay::TextReply(4, "no"), "x"}) {
+    for (const std::string& sReply : Lines{BoolReply(false), IntReply(-1), ExptReply("no"), "x"}) {
         m_recorder.Clear();
         const CRelayPeer peer("a", [&](const std::string&) { return sReply; });
         LogAll(&m_param);
@@ -179,15 +176,14 @@ TEST_F(UtilitiesIpcServer, UpdateAttributes_WithClient_SendsTheWholeMessage)
     ASSERT_EQ(vMessages.size(), 2U);
     EXPECT_EQ(vMessages[0].size(), 1344U);
     const std::string sStart =
-        relay::Header(relay::CALLBACK, relay::SET_ATTRIBUTES) + Field("svr", relay::ID);
-    EXPECT_TRUE(relay::IsSame(vMessages[0], sStart + Field("/f", relay::PATH) +
-                                                relay::LongFlag(true) + relay::Word(LARGE, 8) +
-                                                relay::LongFlag(false) + relay::Word(11, 8) +
-                                                relay::LongFlag(true) + relay::Word(22, 8)));
-    EXPECT_TRUE(relay::IsSame(
-        vMessages[1], sStart + Field("/other", relay::PATH) + relay::LongFlag(false) +
-                          relay::Word(1, 8) + relay::LongFlag(true) + relay::Word(LARGE + 1, 8) +
-                          relay::LongFlag(false) + relay::Word(LARGE + 2, 8)));
+        Header(GROUP_CALLBACK, relay::SET_ATTRIBUTES) + Field("svr", TEXT_FIELD);
+    EXPECT_TRUE(SameMessage(vMessages[0], sStart + Field("/f", PATH_FIELD) + relay::LongFlag(true) +
+                                              Word(LARGE, 8) + relay::LongFlag(false) +
+                                              Word(11, 8) + relay::LongFlag(true) + Word(22, 8)));
+    EXPECT_TRUE(SameMessage(vMessages[1], sStart + Field("/other", PATH_FIELD) +
+                                              relay::LongFlag(false) + Word(1, 8) +
+                                              relay::LongFlag(true) + Word(LARGE + 1, 8) +
+                                              relay::LongFlag(false) + Word(LARGE + 2, 8)));
     EXPECT_EQ(m_recorder.Notifications(), Lines{});
 }
 
@@ -199,9 +195,9 @@ TEST_F(UtilitiesIpcServer, Remove_WithClient_SendsTheWholeMessage)
     const Lines vMessages = peer.Messages();
     ASSERT_EQ(vMessages.size(), 1U);
     EXPECT_EQ(vMessages[0].size(), 1296U);
-    EXPECT_TRUE(relay::IsSame(vMessages[0], relay::Header(relay::CALLBACK, relay::REMOVE) +
-                                                Field("svr", relay::ID) +
-                                                Field("/folder/file", relay::PATH)));
+    EXPECT_TRUE(SameMessage(vMessages[0], Header(GROUP_CALLBACK, relay::REMOVE) +
+                                              Field("svr", TEXT_FIELD) +
+                                              Field("/folder/file", PATH_FIELD)));
     EXPECT_EQ(m_recorder.Notifications(), Lines{});
 }
 
@@ -213,9 +209,9 @@ TEST_F(UtilitiesIpcServer, Rename_WithClient_SendsTheWholeMessage)
     const Lines vMessages = peer.Messages();
     ASSERT_EQ(vMessages.size(), 1U);
     EXPECT_EQ(vMessages[0].size(), 2320U);
-    EXPECT_TRUE(relay::IsSame(
-        vMessages[0], relay::Header(relay::CALLBACK, relay::RENAME) + Field("svr", relay::ID) +
-                          Field("/from", relay::PATH) + Field("/to", relay::PATH)));
+    EXPECT_TRUE(
+        SameMessage(vMessages[0], Header(GROUP_CALLBACK, relay::RENAME) + Field("svr", TEXT_FIELD) +
+                                      Field("/from", PATH_FIELD) + Field("/to", PATH_FIELD)));
     EXPECT_EQ(m_recorder.Notifications(), Lines{});
 }
 
@@ -227,10 +223,10 @@ TEST_F(UtilitiesIpcServer, Write_WithClient_SendsTheWholeMessage)
     const Lines vMessages = peer.Messages();
     ASSERT_EQ(vMessages.size(), 1U);
     EXPECT_EQ(vMessages[0].size(), 1312U);
-    EXPECT_TRUE(
-        relay::IsSame(vMessages[0], relay::Header(relay::CALLBACK, relay::WRITE) +
-                                        Field("svr", relay::ID) + Field("/disk", relay::PATH) +
-                                        relay::Word(LARGE, 8) + Int32(-2) + Int32(0xFFFFFFFE)));
+    EXPECT_TRUE(SameMessage(vMessages[0], Header(GROUP_CALLBACK, relay::WRITE) +
+                                              Field("svr", TEXT_FIELD) +
+                                              Field("/disk", PATH_FIELD) + Word(LARGE, 8) +
+                                              Int32(-2) + Int32(0xFFFFFFFE)));
     EXPECT_EQ(m_recorder.Notifications(), Lines{});
 }
 
@@ -264,12 +260,10 @@ TEST_F(UtilitiesIpcServer, Notification_NoIpcIDAndNoHost_IsMinusOne)
 TEST_F(UtilitiesIpcServer, Notification_OtherAnswersThanANumber_AreMinusOne)
 {
     const std::string sInt = Int32(5);
-    for (const std::string& sReply :
-         Lines{relay::BoolReply(true), relay::LongReply(5), relay::TextReply(4, "failed"),
-               relay::TextReply(5, "text"), relay::Header(relay::REPLY, 0),
-               relay::Header(relay::REPLY, 6) + sInt, relay::Header(relay::REQUEST, 3) + sInt,
-               relay::Header(relay::CALLBACK, 3) + sInt, relay::Header(0, 3) + sInt,
-               std::string("x")}) {
+    for (const std::string& sReply : Lines{
+             BoolReply(true), LongReply(5), ExptReply("failed"), MsgReply("text"),
+             Header(GROUP_REPLY, 0), Header(GROUP_REPLY, 6) + sInt, Header(GROUP_REQUEST, 3) + sInt,
+             Header(GROUP_CALLBACK, 3) + sInt, Header(0, 3) + sInt, std::string("x")}) {
         SCOPED_TRACE(sReply.size());
         const CRelayPeer peer("a", [&](const std::string&) { return sReply; });
         EXPECT_EQ(NotifyAll(&m_param), (std::vector<int>{-1, -1, -1, -1}));
@@ -408,16 +402,15 @@ TEST_F(UtilitiesIpcServer, Notification_LongTexts_AreCutAndTerminated)
               3);
     const Lines vMessages = peer.Messages();
     ASSERT_EQ(vMessages.size(), 4U);
-    const std::string sID = Field(std::string(255, 'i'), relay::ID);
-    const std::string sCut = Field(std::string(1023, 't'), relay::PATH);
-    EXPECT_TRUE(relay::IsSame(vMessages[0], relay::Header(relay::CALLBACK, relay::RENAME) + sID +
-                                                Field(sFrom, relay::PATH) + sCut));
-    EXPECT_TRUE(
-        relay::IsSame(vMessages[1], relay::Header(relay::CALLBACK, relay::REMOVE) + sID + sCut));
-    EXPECT_TRUE(relay::IsSame(vMessages[2], relay::Header(relay::CALLBACK, relay::WRITE) + sID +
-                                                sCut + relay::Word(1, 8) + Int32(2) + Int32(3)));
-    EXPECT_TRUE(relay::IsSame(vMessages[3], relay::Header(relay::CALLBACK, relay::SET_ATTRIBUTES) +
-                                                sID + sCut + std::string(48, '\0')));
+    const std::string sID = Field(std::string(255, 'i'), TEXT_FIELD);
+    const std::string sCut = Field(std::string(1023, 't'), PATH_FIELD);
+    EXPECT_TRUE(SameMessage(vMessages[0], Header(GROUP_CALLBACK, relay::RENAME) + sID +
+                                              Field(sFrom, PATH_FIELD) + sCut));
+    EXPECT_TRUE(SameMessage(vMessages[1], Header(GROUP_CALLBACK, relay::REMOVE) + sID + sCut));
+    EXPECT_TRUE(SameMessage(vMessages[2], Header(GROUP_CALLBACK, relay::WRITE) + sID + sCut +
+                                              Word(1, 8) + Int32(2) + Int32(3)));
+    EXPECT_TRUE(SameMessage(vMessages[3], Header(GROUP_CALLBACK, relay::SET_ATTRIBUTES) + sID +
+                                              sCut + std::string(48, '\0')));
 }
 
 TEST_F(UtilitiesIpcServer, Log_LongText_IsCutAndTerminated)
@@ -427,8 +420,7 @@ TEST_F(UtilitiesIpcServer, Log_LongText_IsCutAndTerminated)
     m_utilities.LogInfo(&m_param, sText.data());  // whoever formats it cuts it before
     const Lines vMessages = peer.Messages();
     ASSERT_EQ(vMessages.size(), 1U);
-    EXPECT_TRUE(
-        relay::IsSame(vMessages[0], relay::Line("svr", std::string(2047, 'x'), relay::INFO)));
+    EXPECT_TRUE(SameMessage(vMessages[0], relay::Line("svr", std::string(2047, 'x'), relay::INFO)));
     EXPECT_EQ(m_recorder.Lines(), Lines{"info|svr|" + sText});
 }
 
@@ -474,7 +466,7 @@ TEST_F(UtilitiesIpcServer, TwoThreads_TwoClients_EachReachesItsOwn)
     constexpr int ROUNDS = IS_SANITIZED ? 200 : 1000;
     const auto makeHandler = [](int iResult) {
         return [iResult](const std::string& sMessage) {
-            return relay::IsLine(sMessage) ? relay::BoolReply(true) : relay::IntReply(iResult);
+            return relay::IsLine(sMessage) ? BoolReply(true) : IntReply(iResult);
         };
     };
     const CRelayPeer first("a", makeHandler(1));
@@ -530,7 +522,7 @@ protected:
 
     static std::string MountInfoRequest(const std::string& sIpcID)
     {
-        return relay::Header(relay::REQUEST, 19) + Field(sIpcID, 256) + Int32(0x100);
+        return Header(GROUP_REQUEST, 19) + Field(sIpcID, 256) + Int32(0x100);
     }
 
     CLogRecorder m_recorder;
@@ -543,22 +535,20 @@ TEST_F(RelayingServer, Listings_ReachTheAskingClientBeforeTheReply)
 {
     CRelayPeer peer("a");
     const CRelayPeer other("b");
-    ASSERT_TRUE(relay::IsSame(AskServer(relay::Header(relay::REQUEST, 5) + Field("/x", 1024) +
-                                        Field("vm1", 256) + Field("b", 256)),
-                              relay::BoolReply(true)));
+    ASSERT_TRUE(SameMessage(AskServer(Header(GROUP_REQUEST, 5) + Field("/x", 1024) +
+                                      Field("vm1", 256) + Field("b", 256)),
+                            BoolReply(true)));
     m_main.AddSessionInfo("s1", "/x");
     m_main.AddVSphereInfo("moid", "host", "443", "user", "secret");
     EXPECT_EQ(peer.Messages().size(), 0U);
 
-    EXPECT_TRUE(relay::IsSame(AskServer(MountInfoRequest("a")), relay::IntReply(1)));
+    EXPECT_TRUE(SameMessage(AskServer(MountInfoRequest("a")), IntReply(1)));
     EXPECT_EQ(peer.Messages().size(), 1U);
-    EXPECT_TRUE(
-        relay::IsSame(AskServer(relay::Header(relay::REQUEST, 20) + Field("a", 256) + Int32(1)),
-                      relay::IntReply(1)));
+    EXPECT_TRUE(SameMessage(AskServer(Header(GROUP_REQUEST, 20) + Field("a", 256) + Int32(1)),
+                            IntReply(1)));
     EXPECT_EQ(peer.Messages().size(), 2U);
-    EXPECT_TRUE(
-        relay::IsSame(AskServer(relay::Header(relay::REQUEST, 25) + Field("a", 256) + Int32(1)),
-                      relay::IntReply(1)));
+    EXPECT_TRUE(SameMessage(AskServer(Header(GROUP_REQUEST, 25) + Field("a", 256) + Int32(1)),
+                            IntReply(1)));
     const Lines vWanted = {"raw|svr| mount1 - /x : vm1 () [b]", "raw|svr| session1 - s1 : /x",
                            "raw|svr| NFS datastore1 - moid (host:443)"};
     EXPECT_EQ(peer.Descriptions(), vWanted);
@@ -569,9 +559,8 @@ TEST_F(RelayingServer, Listings_ReachTheAskingClientBeforeTheReply)
 TEST_F(RelayingServer, Listing_ClientGone_IsCountedAllTheSame)
 {
     m_main.AddSessionInfo("s1", "/x");
-    EXPECT_TRUE(
-        relay::IsSame(AskServer(relay::Header(relay::REQUEST, 20) + Field("a", 256) + Int32(1)),
-                      relay::IntReply(1)));
+    EXPECT_TRUE(SameMessage(AskServer(Header(GROUP_REQUEST, 20) + Field("a", 256) + Int32(1)),
+                            IntReply(1)));
     EXPECT_EQ(m_recorder.Lines(), (Lines{"raw|svr| session1 - s1 : /x", NO_CHANNEL}));
 }
 
@@ -579,9 +568,8 @@ TEST_F(RelayingServer, Listing_NoDetails_SaysNothing)
 {
     const CRelayPeer peer("a");
     m_main.AddSessionInfo("s1", "/x");
-    EXPECT_TRUE(
-        relay::IsSame(AskServer(relay::Header(relay::REQUEST, 20) + Field("a", 256) + Int32(0)),
-                      relay::IntReply(1)));
+    EXPECT_TRUE(SameMessage(AskServer(Header(GROUP_REQUEST, 20) + Field("a", 256) + Int32(0)),
+                            IntReply(1)));
     EXPECT_EQ(peer.Messages(), Lines{});
     EXPECT_EQ(m_recorder.Lines(), Lines{});
 }

@@ -20,12 +20,12 @@ constexpr char GAVE_UP[] = "[IpcClient.SendRequest] Fail to read ipc server repl
 
 inline std::string IsSessionExistsRequest(const std::string& sSession)
 {
-    return relay::Header(relay::REQUEST, 9) + relay::Field(sSession, 256);
+    return Header(GROUP_REQUEST, 9) + Field(sSession, 256);
 }
 
 inline std::string SessionListingRequest(const std::string& sIpcID)
 {
-    return relay::Header(relay::REQUEST, 20) + relay::Field(sIpcID, 256) + relay::Int32(1);
+    return Header(GROUP_REQUEST, 20) + Field(sIpcID, 256) + Int32(1);
 }
 
 // A client's channel whose every exchange the test has in its own hands.

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -24,13 +23,10 @@
 #include <gtest/gtest.h>
 
 #include "AutoFd.h"
+#include "IpcBytes.h"
 
-// Bytes of messages. Words come lowest byte first, as on the machines that this runs on.
+// What a relay says, beside the bytes of all messages.
 namespace relay {
-
-constexpr int REPLY = 1;  // groups
-constexpr int REQUEST = 2;
-constexpr int CALLBACK = 3;
 
 constexpr int MESSAGE = 1;  // types of callbacks
 constexpr int SET_ATTRIBUTES = 2;
@@ -42,65 +38,16 @@ constexpr int INFO = 1;  // kinds of lines
 constexpr int ERROR = 2;
 constexpr int RAW = 3;
 
-constexpr size_t ID = 256;  // sizes of fields
-constexpr size_t PATH = 1024;
-constexpr size_t LINE = 2048;
-
-inline std::string Word(uint64_t iValue, size_t iBytes)
-{
-    std::string sBytes;
-    for (size_t i = 0; i < iBytes; i++)
-        sBytes += static_cast<char>((iValue >> (8 * i)) & 0xff);
-    return sBytes;
-}
-
-inline std::string Int32(int64_t iValue)
-{
-    return Word(static_cast<uint64_t>(iValue), 4);
-}
-
-inline std::string Field(std::string_view sText, size_t iSize)
-{
-    EXPECT_LT(sText.size(), iSize);
-    std::string sBytes(sText);
-    sBytes.resize(iSize, '\0');
-    return sBytes;
-}
-
 // A byte that is 0 or 1, and seven that mean nothing: a 64-bit word follows.
 inline std::string LongFlag(bool bValue)
 {
     return Word(bValue ? 1 : 0, 8);
 }
 
-inline std::string Header(int iGroup, int iType)
-{
-    return Int32(iGroup) + Int32(iType) + Field("1.2", 8);
-}
-
 inline std::string Line(std::string_view sID, std::string_view sText, int iKind)
 {
-    return Header(CALLBACK, MESSAGE) + Field(sID, ID) + Field(sText, LINE) + Int32(iKind);
-}
-
-inline std::string BoolReply(bool bValue)
-{
-    return Header(REPLY, 1) + Int32(bValue ? 1 : 0);
-}
-
-inline std::string LongReply(int64_t iValue)
-{
-    return Header(REPLY, 2) + Word(static_cast<uint64_t>(iValue), 8);
-}
-
-inline std::string IntReply(int iValue)
-{
-    return Header(REPLY, 3) + Int32(iValue);
-}
-
-inline std::string TextReply(int iType, std::string_view sText)
-{
-    return Header(REPLY, iType) + Field(sText, LINE);
+    return Header(GROUP_CALLBACK, MESSAGE) + Field(sID, TEXT_FIELD) + Field(sText, MESSAGE_FIELD) +
+           Int32(iKind);
 }
 
 // ---- What a message says ----
@@ -121,7 +68,7 @@ inline std::string GetText(const std::string& sMessage, size_t iOffset)
 
 inline bool IsLine(const std::string& sMessage)
 {
-    return GetWord(sMessage, 0) == CALLBACK && GetWord(sMessage, 4) == MESSAGE;
+    return GetWord(sMessage, 0) == GROUP_CALLBACK && GetWord(sMessage, 4) == MESSAGE;
 }
 
 // A line as "kind|ID|text", a notification as its type: "#5|ID|path".
@@ -134,23 +81,6 @@ inline std::string Describe(const std::string& sMessage)
     const char* const pcKinds[] = {"none", "info", "error", "raw"};
     const uint64_t iKind = GetWord(sMessage, 2320);
     return std::string(iKind < 4 ? pcKinds[iKind] : "?") + "|" + sID + "|" + sText;
-}
-
-// Success if both are the same; else where they differ first.
-inline testing::AssertionResult IsSame(const std::string& sActual, const std::string& sWanted)
-{
-    if (sActual.size() != sWanted.size())
-        return testing::AssertionFailure()
-               << "the message has " << sActual.size() << " bytes, not " << sWanted.size();
-    for (size_t i = 0; i < sActual.size(); i++) {
-        if (sActual[i] == sWanted[i])
-            continue;
-        char cText[80];
-        snprintf(cText, sizeof(cText), "byte %zu is %02x, not %02x", i,
-                 static_cast<unsigned char>(sActual[i]), static_cast<unsigned char>(sWanted[i]));
-        return testing::AssertionFailure() << cText;
-    }
-    return testing::AssertionSuccess();
 }
 
 constexpr int PATIENCE = 20;  // seconds; whoever takes longer hangs
@@ -341,7 +271,7 @@ private:
         }
         if (m_Handler)
             return m_Handler(sMessage);
-        return relay::IsLine(sMessage) ? relay::BoolReply(true) : relay::IntReply(iResult);
+        return relay::IsLine(sMessage) ? BoolReply(true) : IntReply(iResult);
     }
 
     const std::string m_sChannel;

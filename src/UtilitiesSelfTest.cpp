@@ -244,8 +244,8 @@ private:
     // Takes away what failed steps have left, as far as it can be done, without a line.
     void CleanUp()
     {
-        unlink(m_sFile.c_str());
-        unlink(m_sRenamedFile.c_str());
+        remove(m_sFile.c_str());
+        remove(m_sRenamedFile.c_str());
         rmdir(m_sFolder.c_str());
     }
 

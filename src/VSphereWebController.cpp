@@ -48,8 +48,10 @@ void CVSphereWebController::RemoveSession(const char* pcDatastoreMoid, const cha
     char cCommand[COMMAND_SIZE];
     if (FormatCommand(cCommand, sizeof(cCommand), pcDatastoreMoid, pcHost, pcPort, pcUser, pcPwd) <
         sizeof(cCommand)) {
+        // What went wrong, the shell and the helper print themselves.
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): other threads are free to start processes too
         const int iStatus = system(cCommand);
-        static_cast<void>(iStatus);  // what went wrong, the shell and the helper print themselves
+        static_cast<void>(iStatus);
     }
     WipeText(cCommand, sizeof(cCommand));
 }

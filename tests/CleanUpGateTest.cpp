@@ -82,3 +82,13 @@ TEST(CleanUpGate, HostThatDoesNotComeBack_IsNotWaitedFor)
     const CCleanUpGate::CTelling telling(gate);
     gate.Wait();  // this thread stands for the host: nobody else opens the gate
 }
+
+TEST(CleanUpGate, HostThatDoesNotComeBack_LetsThemGoWhoWaitAlready)
+{
+    CCleanUpGate gate;
+    const CCleanUpGate::CRun run(gate);
+    CWaiter waiter(gate);
+    waiter.Open();
+    const CCleanUpGate::CTelling telling(gate);
+    EXPECT_TRUE(waiter.Join());
+}

@@ -10,7 +10,9 @@
 
 #include "JavaFixture.h"
 #include "NfsIpcClientMain.h"
+#include "NfsIpcServerMain.h"
 #include "NfsMain.h"
+#include "SelfTestFixture.h"
 
 namespace {
 
@@ -55,6 +57,30 @@ protected:
         EXPECT_EQ(Native("addRedirectedFileSegment", sPath, sLetters, "0", "6", "4"), "void");
         EXPECT_EQ(Native("addRedirectedFileSegment", sPath, sDigits, "0", "10", "10"), "void");
         return sHandle;
+    }
+
+    // The texts of the lines that the host was given since the last time, figures of the self-test
+    // apart. sBy is the thread that they come by, and the ID.
+    static Lines TakeInfoLines(const std::string& sBy)
+    {
+        const std::string sStart = "@ logInfo|host|" + sBy + "|";
+        Lines vLines;
+        for (const std::string& sLine : s_pJava->Printed("@ ")) {
+            EXPECT_TRUE(sLine.starts_with(sStart)) << sLine;
+            vLines.push_back(
+                WithoutFigure(sLine.substr(std::min(sStart.length(), sLine.length()))));
+        }
+        s_pJava->Clear();
+        return vLines;
+    }
+
+    // The mode of a file that the virtual machine makes, in hexadecimal.
+    static std::string GetFileMode()
+    {
+        const std::string sMask = std::to_string(s_pJava->GetStatus("Umask"));  // octal digits
+        char cMode[16];
+        snprintf(cMode, sizeof(cMode), "%lX", S_IFREG | (0666 & ~std::stoul(sMask, nullptr, 8)));
+        return cMode;
     }
 
     const CScratchFolder m_Outside;  // not published
@@ -444,10 +470,53 @@ TEST_F(JavaMethods, CloseOpenedFiles_LetsGoOfDescriptors)
     EXPECT_EQ(CountOpen(sOne), 1U);
 }
 
-TEST_F(JavaMethods, RunTestMode_HasNothingToDoYet)
+TEST_F(JavaMethods, RunTestMode_GivesItsLinesToTheHost)
 {
-    EXPECT_EQ(Native("runTestMode", Quote(m_Folder.Path()), "4096"), "void");
+    for (const SelfTestRun& run : RUNS) {
+        s_pJava->Clear();
+        EXPECT_EQ(Native("runTestMode", Quote(m_Folder.Path()), std::to_string(run.iFileSize)),
+                  "void");
+        EXPECT_EQ(Join(TakeInfoLines("main|test")),
+                  Join(GetGoodRun(m_Folder.Path(), run, GetFileMode())));
+        EXPECT_TRUE(std::filesystem::is_empty(m_Folder.Path()));
+    }
+}
+
+TEST_F(JavaMethods, RunTestMode_WithNothingToTest_SaysSo)
+{
+    EXPECT_EQ(Native("runTestMode", "null", "4096"), "void");
+    EXPECT_EQ(Native("runTestMode", Quote(m_Folder.Path()), "0"), "void");
+    EXPECT_EQ(Native("runTestMode", Quote(m_Folder.Path()), "-4096"), "void");
+    EXPECT_EQ(Native("runTestMode", Quote("/no/such"), "1"), "void");
+    EXPECT_EQ(TakeInfoLines("main|test"),
+              (Lines{"Cannot start platrorm test. Error=Target directory is NULL",
+                     "Cannot start platrorm test. Error=File size is ZERO",
+                     "Cannot start platrorm test. Error=File size is ZERO",
+                     "Cannot start platrorm test. Error=Target directory \"/no/such\" not exist"}));
     EXPECT_TRUE(std::filesystem::is_empty(m_Folder.Path()));
+}
+
+TEST_F(JavaMethods, RunTestMode_OfAClient_RunsInTheServer)
+{
+    CLogRecorder log;
+    CNfsIpcServerMain server("svr", 0);
+    server.SetCallback(&log);
+    char cReason[REASON_SIZE] = "";
+    ASSERT_TRUE(server.StartRemoteController(cReason)) << cReason;
+    TearDown();
+    Initial(2);
+    ASSERT_EQ(Native("startRemoteController"), "true");
+
+    const mode_t iMask = umask(022);
+    EXPECT_EQ(Native("runTestMode", Quote(m_Folder.Path()), "10000"), "void");
+    umask(iMask);
+    EXPECT_EQ(Join(TakeInfoLines("native|svr")), Join(GetGoodRun(m_Folder.Path())));
+    EXPECT_EQ(Native("runTestMode", "null", "10000"), "void");
+    EXPECT_EQ(TakeInfoLines("main|test"),
+              Lines{"Cannot start platrorm test. Error=Target directory is NULL"});
+    EXPECT_EQ(Native("stopRemoteController"), "void");
+    server.StopRemoteController();
+    server.SetCallback(nullptr);
 }
 
 // Only another process can look at them.

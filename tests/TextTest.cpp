@@ -50,6 +50,27 @@ TEST(Text, CopyText_SourceWithoutTerminator_IsNotReadBeyondTheCut)
     EXPECT_STREQ(cTarget, "abcd");
 }
 
+TEST(Text, WipeText_LeavesNothingOfTheSecretAndTheRestAlone)
+{
+    char cText[] = "(secret)";
+    WipeText(cText + 1, 6);
+    EXPECT_EQ(std::string(cText, 8), std::string("(\0\0\0\0\0\0)", 8));
+}
+
+TEST(Text, WipeText_GoesBeyondAZero)
+{
+    char cText[] = "ab\0cd";
+    WipeText(cText, sizeof(cText));
+    EXPECT_EQ(std::string(cText, sizeof(cText)), std::string(sizeof(cText), '\0'));
+}
+
+TEST(Text, WipeText_OfNothing_TouchesNothing)
+{
+    char cText[] = "ab";
+    WipeText(cText, 0);
+    EXPECT_STREQ(cText, "ab");
+}
+
 TEST(Text, FormatReason_NullBuffer_WantsNoWords)
 {
     FormatReason(nullptr, "%s", "text");

@@ -19,13 +19,6 @@ protected:
         EXPECT_EQ(m_recorder.Lines().size(), static_cast<size_t>(iCount));
         return m_recorder.Lines();
     }
-    Lines GetDatastores()
-    {
-        m_recorder.Clear();
-        const int iCount = m_utilities.GetVSphereInfo(&m_param, true);
-        EXPECT_EQ(m_recorder.Lines().size(), static_cast<size_t>(iCount));
-        return m_recorder.Lines();
-    }
 
     CLogRecorder m_recorder;
     CUtilities m_utilities;
@@ -61,9 +54,7 @@ TEST_F(UtilitiesSessions, Listing_IsByIDWithARunningCount)
 TEST_F(UtilitiesSessions, CountingOnly_WritesNothing)
 {
     m_utilities.AddSessionInfo("s1", "/p");
-    m_utilities.AddVSphereInfo("m", "h", "1", "u", "w");
     EXPECT_EQ(m_utilities.GetSessionInfo(&m_param, false), 1);
-    EXPECT_EQ(m_utilities.GetVSphereInfo(&m_param, false), 1);
     EXPECT_TRUE(m_recorder.Lines().empty());
 }
 
@@ -102,36 +93,4 @@ TEST_F(UtilitiesSessions, RemoveAll_LeavesNone)
     m_utilities.RemoveAllSessionInfo();
     EXPECT_EQ(GetSessions(), Lines{});
     EXPECT_FALSE(m_utilities.IsSessionExists("s1"));
-}
-
-TEST_F(UtilitiesSessions, Datastores_AreListedByMoidWithoutUserAndPassword)
-{
-    m_utilities.AddVSphereInfo("datastore-9", "esx1", "443", "root", "secret");
-    m_utilities.AddVSphereInfo("datastore-12", "esx2", "8443", "admin", "hidden");
-    EXPECT_EQ(GetDatastores(), (Lines{"raw|host| NFS datastore1 - datastore-12 (esx2:8443)",
-                                      "raw|host| NFS datastore2 - datastore-9 (esx1:443)"}));
-}
-
-TEST_F(UtilitiesSessions, SameDatastoreAgain_ReplacesIt)
-{
-    m_utilities.AddVSphereInfo("m", "esx1", "443", "root", "secret");
-    m_utilities.AddVSphereInfo("m", "esx2", "444", "root", "secret");
-    EXPECT_EQ(GetDatastores(), Lines{"raw|host| NFS datastore1 - m (esx2:444)"});
-}
-
-TEST_F(UtilitiesSessions, RemoveDatastore_TakesThatOneOnly)
-{
-    m_utilities.AddVSphereInfo("m1", "esx1", "443", "root", "secret");
-    m_utilities.AddVSphereInfo("m2", "esx2", "443", "root", "secret");
-    m_utilities.RemoveVSphereInfo("m1");
-    m_utilities.RemoveVSphereInfo("never");
-    EXPECT_EQ(GetDatastores(), Lines{"raw|host| NFS datastore1 - m2 (esx2:443)"});
-}
-
-TEST_F(UtilitiesSessions, DatastoreCleanUp_IsNotThereYetAndKeepsTheRecords)
-{
-    m_utilities.AddVSphereInfo("m", "esx1", "443", "root", "secret");
-    m_utilities.RemoveAllVSphereInfoWithWebCtrl(&m_param);
-    EXPECT_EQ(m_utilities.GetVSphereInfo(&m_param, false), 1);
-    EXPECT_TRUE(m_recorder.Lines().empty());
 }

@@ -57,9 +57,11 @@ TEST(Platform, GetProgramArguments_WithoutAName_BeginsWithAnEmptyString)
 
 TEST(Platform, GetProgramArguments_MoreThanFits_IsCutAndTerminated)
 {
-    SetProgramName(std::string(SIZE - 1, 'a') + "bcd");
-    EXPECT_EQ(GetArguments(SIZE), Filled(std::string(SIZE - 1, 'a')));
-    EXPECT_EQ(GetArguments(SIZE + 1), Filled(std::string(SIZE - 1, 'a') + "b", SIZE + 1));
+    const std::string sFits(SIZE - 1, 'a');
+    const std::string sLonger = sFits + "bcd";
+    SetProgramName(sLonger);
+    EXPECT_EQ(GetArguments(SIZE), Filled(sFits));
+    EXPECT_EQ(GetArguments(SIZE + 1), Filled(sLonger.substr(0, SIZE), SIZE + 1));
     EXPECT_EQ(GetArguments(2), Filled("a", 2));
     EXPECT_EQ(GetArguments(1), Filled("", 1));
 }

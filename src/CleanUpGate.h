@@ -8,41 +8,45 @@
 // A mutex would not do: the host that is told may be waiting for one of those who wait here.
 // Locking: any thread. None of the operations calls anything under the gate's own mutex.
 class CCleanUpGate {
+    // Counts for the length of a block.
+    template <int CCleanUpGate::*COUNT>
+    class CScope {
+    public:
+        explicit CScope(CCleanUpGate& gate) : m_gate(gate) { m_gate.Change(COUNT, 1); }
+        ~CScope() { m_gate.Change(COUNT, -1); }
+        CScope(const CScope&) = delete;
+        CScope& operator=(const CScope&) = delete;
+
+    private:
+        CCleanUpGate& m_gate;
+    };
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    int m_iRuns = 0;
+    int m_iTellings = 0;
+    std::chrono::steady_clock::time_point m_since;  // when one of them changed
+
+    void Change(int CCleanUpGate::*piCount, int iBy)
+    {
+        const std::lock_guard lock(m_mutex);
+        this->*piCount += iBy;
+        m_since = std::chrono::steady_clock::now();
+        m_changed.notify_all();
+    }
+
 public:
-    // A clean-up, for the length of a block.
-    class CRun {
-    public:
-        explicit CRun(CCleanUpGate& gate) : m_gate(gate) { m_gate.Change(&State::iRuns, 1); }
-        ~CRun() { m_gate.Change(&State::iRuns, -1); }
-        CRun(const CRun&) = delete;
-        CRun& operator=(const CRun&) = delete;
-
-    private:
-        CCleanUpGate& m_gate;
-    };
-
-    // Within a run, around what calls the host.
-    class CTelling {
-    public:
-        explicit CTelling(CCleanUpGate& gate) : m_gate(gate)
-        {
-            m_gate.Change(&State::iTellings, 1);
-        }
-        ~CTelling() { m_gate.Change(&State::iTellings, -1); }
-        CTelling(const CTelling&) = delete;
-        CTelling& operator=(const CTelling&) = delete;
-
-    private:
-        CCleanUpGate& m_gate;
-    };
+    // A clean-up, for the length of a block; and within it, around what calls the host.
+    using CRun = CScope<&CCleanUpGate::m_iRuns>;
+    using CTelling = CScope<&CCleanUpGate::m_iTellings>;
 
     // Returns once no clean-up runs, or the host has been told something for PATIENCE without
     // coming back: it may be waiting for the caller.
     void Wait()
     {
         std::unique_lock lock(m_mutex);
-        while (m_state.iRuns > 0) {
-            if (m_state.iTellings == 0)
+        while (m_iRuns > 0) {
+            if (m_iTellings == 0)
                 m_changed.wait(lock);
             else if (std::chrono::steady_clock::now() >= m_since + PATIENCE)
                 return;
@@ -52,23 +56,4 @@ public:
     }
 
     static constexpr std::chrono::milliseconds PATIENCE{500};
-
-private:
-    struct State {
-        int iRuns = 0;
-        int iTellings = 0;
-    };
-
-    void Change(int State::*piCount, int iBy)
-    {
-        const std::lock_guard lock(m_mutex);
-        m_state.*piCount += iBy;
-        m_since = std::chrono::steady_clock::now();
-        m_changed.notify_all();
-    }
-
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    State m_state;
-    std::chrono::steady_clock::time_point m_since;  // when the state was changed
 };

@@ -13,7 +13,6 @@ public:
         m_bBegun = true;
     }
     void End() { m_bBegun = false; }
-    bool IsBegun() const { return m_bBegun; }
 
     // Takes the milliseconds that were waited off what is left. False if nothing is; always true
     // while nobody stops.

@@ -7,9 +7,9 @@
 
 namespace {
 
-constexpr long PATIENCE = 1;  // seconds
+constexpr long PATIENCE = 1000;  // milliseconds
 
-// When the first signal came, in seconds of the system's uptime and never 0; 0 before.
+// When the first signal came, in milliseconds of the system's uptime and never 0; 0 before.
 std::atomic<long> s_iRequested = 0;
 static_assert(std::atomic<long>::is_always_lock_free);
 
@@ -17,7 +17,7 @@ long GetUptime()
 {
     struct timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<long>(now.tv_sec) + 1;
+    return static_cast<long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000 + 1;
 }
 
 void Request(int iSignal)
@@ -25,7 +25,7 @@ void Request(int iSignal)
     long iFirst = 0;
     if (s_iRequested.compare_exchange_strong(iFirst, GetUptime()))
         return;
-    if ((iSignal != SIGINT && iSignal != SIGQUIT) || GetUptime() - iFirst <= PATIENCE)
+    if ((iSignal != SIGINT && iSignal != SIGQUIT) || GetUptime() - iFirst < PATIENCE)
         return;
     CRawInput::RestoreAtOnce();
     signal(iSignal, SIG_DFL);

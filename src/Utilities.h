@@ -190,8 +190,8 @@ public:
     // ---- Datastores on hypervisor hosts ----
 
     // A second add of the same datastore replaces the first. The password is never printed. All
-    // three wait for the end of a clean-up, except where the host calls them from a call of its
-    // own.
+    // three wait for the end of a clean-up in hand; not within a call of the host, and not where a
+    // line has held the host up for half a second.
     void AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
                         const char* pcUser, const char* pcPwd);
     void RemoveVSphereInfo(const char* pcDatastoreMoid);
@@ -291,7 +291,7 @@ public:
                               unsigned int iAtimeNsec, bool bSetMtime, unsigned int iMtimeSec,
                               unsigned int iMtimeNsec);
 
-    // ---- System calls: each writes one line, and on failure fills pcError (may be null) ----
+    // ---- System calls: each writes its line, and on failure fills pcError (may be null) ----
 
     int OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                       char* pcError);

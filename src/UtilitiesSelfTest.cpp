@@ -264,7 +264,8 @@ struct TestRange {
     int iLength;
 };
 
-// The range ends within the file, in front of its last byte where it does not begin at the end.
+// A range that starts in the file is cut so that the last byte stays as it is. One behind the end
+// moves back, so that it ends where the file does.
 TestRange FitIntoFile(long long iPosition, long long iFileSize)
 {
     long long iLength = TEST_DATA_LENGTH;

@@ -5,8 +5,6 @@
 // want the table; operations on the table wait at a gate instead.
 #include "Utilities.h"
 
-#include <utility>
-
 #include "Text.h"
 #include "VSphereWebController.h"
 
@@ -31,10 +29,14 @@ void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost,
                                 const char* pcUser, const char* pcPwd)
 {
     WaitForVSphereCleanUp();
-    VSphereInfo info = {pcDatastoreMoid, pcHost, pcPort, pcUser, pcPwd};
     const CMutexLock lock(m_hMutexVSphereInfos);
-    std::swap(m_VSphereInfos[pcDatastoreMoid], info);
+    VSphereInfo& info = m_VSphereInfos[pcDatastoreMoid];
     WipePassword(&info);  // the former one's
+    info.sDatastoreMoid = pcDatastoreMoid;
+    info.sHost = pcHost;
+    info.sPort = pcPort;
+    info.sUser = pcUser;
+    info.sPwd = pcPwd;
 }
 
 void CUtilities::RemoveVSphereInfo(const char* pcDatastoreMoid)
@@ -62,8 +64,8 @@ int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
     return iCount;
 }
 
-// A record that the host adds meanwhile, from a call of it, is left to the next clean-up: a host
-// that answers each line with another record does not keep the server from stopping.
+// A record that is added meanwhile is left to the next clean-up: a host that answers each line with
+// another record does not keep the server from stopping.
 void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam)
 {
     WaitForVSphereCleanUp();

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ClockTick.h"
 #include "FolderHooks.h"
 #include "Listing.h"
 
@@ -212,7 +213,7 @@ TEST_F(FolderReader, EveryChange_IsSeen)
         m_folder.Write("folder/inside", "");
         {
             const CFolderReader reader(sPath.c_str());
-            WaitForNextTimestamp();
+            WaitForClockTick(sPath);
             EXPECT_TRUE(reader.IsUnchanged()) << pcName;
             Change();
             EXPECT_FALSE(reader.IsUnchanged()) << pcName;
@@ -247,7 +248,7 @@ TEST_F(FolderReader, ModificationSetBack_IsSeenByTheTimeOfThatChange)
     const CFolderReader reader(m_folder.Path().c_str());
     struct stat info = {};
     ASSERT_EQ(stat(m_folder.Path().c_str(), &info), 0);
-    WaitForNextTimestamp();
+    WaitForClockTick(m_folder.Path());
     m_folder.Write("new", "");
     SetTimes(m_folder.Path(), AS_IT_IS, info.st_mtim);
     EXPECT_FALSE(reader.IsUnchanged());

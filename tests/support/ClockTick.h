@@ -2,10 +2,14 @@
 #pragma once
 
 #include <ctime>
+#include <fcntl.h>
 #include <sched.h>
+#include <string>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
+
+#include "AutoFd.h"
 
 // Waits until a change of the file would give it another time: the clock of the file system goes
 // in ticks of some milliseconds.
@@ -19,4 +23,10 @@ inline void WaitForClockTick(int iFile)
         clock_gettime(CLOCK_REALTIME_COARSE, &now);
     } while (now.tv_sec < info.st_mtim.tv_sec ||
              (now.tv_sec == info.st_mtim.tv_sec && now.tv_nsec <= info.st_mtim.tv_nsec));
+}
+
+inline void WaitForClockTick(const std::string& sPath)
+{
+    const CAutoFd file(open(sPath.c_str(), O_RDONLY | O_CLOEXEC));
+    WaitForClockTick(file.Get());
 }
